@@ -1,0 +1,21 @@
+# Install rules, the CMake package (find_package(krm_mbuf)) and pkg-config.
+include(CMakePackageConfigHelpers)
+
+install(TARGETS krm_mbuf krm_platform_host EXPORT krm_mbufTargets
+  LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR}
+  ARCHIVE DESTINATION ${CMAKE_INSTALL_LIBDIR}
+  INCLUDES DESTINATION ${CMAKE_INSTALL_INCLUDEDIR})
+install(DIRECTORY include/krm_mbuf DESTINATION ${CMAKE_INSTALL_INCLUDEDIR})
+install(DIRECTORY platform/host/include/krm_host DESTINATION ${CMAKE_INSTALL_INCLUDEDIR})
+
+set(KRM_CMAKE_DIR ${CMAKE_INSTALL_LIBDIR}/cmake/krm_mbuf)
+install(EXPORT krm_mbufTargets NAMESPACE krm_mbuf:: DESTINATION ${KRM_CMAKE_DIR})
+configure_package_config_file(cmake/krm_mbufConfig.cmake.in
+  ${CMAKE_CURRENT_BINARY_DIR}/krm_mbufConfig.cmake INSTALL_DESTINATION ${KRM_CMAKE_DIR})
+write_basic_package_version_file(${CMAKE_CURRENT_BINARY_DIR}/krm_mbufConfigVersion.cmake
+  COMPATIBILITY SameMajorVersion)
+install(FILES ${CMAKE_CURRENT_BINARY_DIR}/krm_mbufConfig.cmake
+  ${CMAKE_CURRENT_BINARY_DIR}/krm_mbufConfigVersion.cmake DESTINATION ${KRM_CMAKE_DIR})
+
+configure_file(cmake/krm_mbuf.pc.in ${CMAKE_CURRENT_BINARY_DIR}/krm_mbuf.pc @ONLY)
+install(FILES ${CMAKE_CURRENT_BINARY_DIR}/krm_mbuf.pc DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig)
