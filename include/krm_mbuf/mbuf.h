@@ -289,4 +289,10 @@ MBUF_API extern const char g_acMbufVersion[];
 }
 #endif
 
+/* The exported functions and tables, by family. */
+#include "krm_mbuf/mbuf_core.h"      /* nodes, memory, creation, destruction */
+#include "krm_mbuf/mbuf_chain.h"     /* space, copy, join, split, traversal */
+#include "krm_mbuf/mbuf_meta.h"      /* control information, tags, accessors */
+#include "krm_mbuf/mbuf_byteorder.h" /* byte-order translation */
+
 #endif /* KRM_MBUF_MBUF_H */
