@@ -1,4 +1,5 @@
-/* Exported functions of the meta family; included by krm_mbuf/mbuf.h. */
+/* Exported functions of the metadata family (flags and accessors, stack
+ * debug record, time and component names); included by krm_mbuf/mbuf.h. */
 #ifndef KRM_MBUF_MBUF_META_H
 #define KRM_MBUF_MBUF_META_H
 
