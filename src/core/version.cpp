@@ -2,5 +2,5 @@
 #include "krm_mbuf/mbuf.h"
 
 extern "C" {
-MBUF_API const char g_acMbufVersion[] = "@(#) MBUF_Version 1.1.0 PLX:C01B051 QRD:C00B301";
+const char g_acMbufVersion[] = "@(#) MBUF_Version 1.1.0 PLX:C01B051 QRD:C00B301";
 }
