@@ -26,8 +26,9 @@ inline constexpr std::uint32_t kCacheSlots = kAsan ? 0 : 64;
 enum ThreadState : std::uint32_t { kThreadNew = 0, kThreadActive = 1, kThreadExited = 2 };
 
 // Plain data in static TLS: zero at thread start, reached without an
-// initialisation check. Counters are written by the owning thread only
-// (relaxed atomic stores) and read by queries on other threads.
+// initialisation check or a TLS lookup call (initial-exec: the host platform
+// is linked into its programs, not loaded later with dlopen). Counters are written by the owning
+// thread only (relaxed atomic stores) and read by queries on other threads.
 struct ThreadCache {
     std::uint32_t state;
     std::uint32_t limit;  // kCacheSlots while active, 0 before and after
