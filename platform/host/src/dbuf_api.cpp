@@ -5,6 +5,7 @@
 
 #include "host_internal.h"
 #include "krm_mbuf/platform.h"
+#include "thread_cache.h"
 
 namespace {
 
@@ -15,22 +16,25 @@ constexpr uint32_t kErrBadArgument = 1;
 constexpr uint32_t kErrNoMemory = 2;
 constexpr uint32_t kErrNotLive = 3;
 
-}  // namespace
-
-extern "C" {
-
-uint32_t KRM_DbufIovecAlloc_F(uint32_t ulModuleId, uint32_t ulCount, MBUF_IOVEC_S *pstIovec,
-                              const char *pcFileName, uint32_t ulLine) {
+// Every case of an allocation: several entries, refills, large buffers,
+// faults. All or nothing: on a failure what the call already handed out goes
+// back.
+__attribute__((noinline)) uint32_t AllocIovec(uint32_t ulModuleId, uint32_t ulCount,
+                                              MBUF_IOVEC_S *pstIovec, const char *pcFileName,
+                                              uint32_t ulLine) {
     if (ulCount != 0 && pstIovec == nullptr) {
         return kErrBadArgument;
     }
     for (uint32_t i = 0; i < ulCount; ++i) {
-        pstIovec[i].pBuf = krm::host::AllocBuffer(BufKind::kDbuf, pstIovec[i].ulLen, ulModuleId,
-                                                  pcFileName, ulLine);
-        if (pstIovec[i].pBuf != nullptr) {
+        const uint32_t len = pstIovec[i].ulLen;
+        void *p = krm::host::TryAllocFast(BufKind::kDbuf, len, ulModuleId, pcFileName, ulLine);
+        if (p == nullptr) {
+            p = krm::host::AllocBuffer(BufKind::kDbuf, len, ulModuleId, pcFileName, ulLine);
+        }
+        pstIovec[i].pBuf = p;
+        if (p != nullptr) {
             continue;
         }
-        // All or nothing: what this call already handed out goes back.
         for (uint32_t j = 0; j < i; ++j) {
             (void)krm::host::FreeBuffer(pstIovec[j].pBuf, BufKind::kDbuf);
         }
@@ -42,8 +46,10 @@ uint32_t KRM_DbufIovecAlloc_F(uint32_t ulModuleId, uint32_t ulCount, MBUF_IOVEC_
     return 0;
 }
 
-uint32_t KRM_DbufIovecFree_F(uint32_t ulCount, MBUF_IOVEC_S *pstIovec, const char *pcFileName,
-                             uint32_t ulLine) {
+// Every case of a release, with a report for each entry that is not the
+// start of a live pipe buffer.
+__attribute__((noinline)) uint32_t FreeIovec(uint32_t ulCount, MBUF_IOVEC_S *pstIovec,
+                                             const char *pcFileName, uint32_t ulLine) {
     if (ulCount != 0 && pstIovec == nullptr) {
         krm::host::PlatformReport(
             pcFileName, ulLine, "KRM_DbufIovecFree_F: no vector for %" PRIu32 " entries", ulCount);
@@ -52,7 +58,7 @@ uint32_t KRM_DbufIovecFree_F(uint32_t ulCount, MBUF_IOVEC_S *pstIovec, const cha
     uint32_t result = 0;
     for (uint32_t i = 0; i < ulCount; ++i) {
         void *p = pstIovec[i].pBuf;
-        if (p == nullptr) {
+        if (p == nullptr || krm::host::TryFreeFast(p, BufKind::kDbuf)) {
             continue;
         }
         const FreeResult freed = krm::host::FreeBuffer(p, BufKind::kDbuf);
@@ -63,6 +69,32 @@ uint32_t KRM_DbufIovecFree_F(uint32_t ulCount, MBUF_IOVEC_S *pstIovec, const cha
         }
     }
     return result;
+}
+
+}  // namespace
+
+extern "C" {
+
+uint32_t KRM_DbufIovecAlloc_F(uint32_t ulModuleId, uint32_t ulCount, MBUF_IOVEC_S *pstIovec,
+                              const char *pcFileName, uint32_t ulLine) {
+    if (__builtin_expect(ulCount == 1 && pstIovec != nullptr, 1)) {
+        void *p = krm::host::TryAllocFast(BufKind::kDbuf, pstIovec->ulLen, ulModuleId, pcFileName,
+                                          ulLine);
+        if (p != nullptr) {
+            pstIovec->pBuf = p;
+            return 0;
+        }
+    }
+    return AllocIovec(ulModuleId, ulCount, pstIovec, pcFileName, ulLine);
+}
+
+uint32_t KRM_DbufIovecFree_F(uint32_t ulCount, MBUF_IOVEC_S *pstIovec, const char *pcFileName,
+                             uint32_t ulLine) {
+    if (__builtin_expect(ulCount == 1 && pstIovec != nullptr && pstIovec->pBuf != nullptr, 1) &&
+        krm::host::TryFreeFast(pstIovec->pBuf, BufKind::kDbuf)) {
+        return 0;
+    }
+    return FreeIovec(ulCount, pstIovec, pcFileName, ulLine);
 }
 
 uint32_t KRM_DbufLengthGET(const void *pBuf) {

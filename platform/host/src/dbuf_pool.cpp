@@ -18,34 +18,17 @@
 #include "buffer_header.h"
 #include "host_internal.h"
 #include "slab_registry.h"
+#include "thread_cache.h"
 
 namespace krm::host {
+
+__thread ThreadCache t_cache;
+
 namespace {
 
-// Chunks a thread caches per class and moves per trade. Under
-// AddressSanitizer there is no cache and the free rings hand out the oldest
-// chunk first, so a released chunk stays poisoned as long as possible and a
-// late access to it is caught.
-constexpr std::uint32_t kCacheSlots = kAsan ? 0 : 64;
+// Chunks moved per trade between a thread's cache and a class's free ring.
 constexpr std::uint32_t kBatch = 32;
 static_assert(kAsan || (kBatch > 0 && kBatch <= kCacheSlots), "a trade must fit the cache");
-
-enum ThreadState : std::uint32_t { kNew = 0, kActive = 1, kExited = 2 };
-
-// Zero-initialised static TLS, so reaching it costs no initialisation check.
-struct ThreadCache {
-    std::uint32_t state;
-    std::uint32_t limit;  // kCacheSlots while active, 0 before and after
-    std::uint32_t count[kClassCount];
-    std::uint32_t allocs;  // written by the owner only
-    std::uint32_t frees;
-    std::uint32_t attempts;
-    ThreadCache *prev;
-    ThreadCache *next;
-    void *slots[kClassCount][kCacheSlots > 0 ? kCacheSlots : 1];
-};
-
-thread_local ThreadCache t_cache __attribute__((tls_model("initial-exec")));
 
 // ---- accounting ----------------------------------------------------------------
 
@@ -55,10 +38,6 @@ std::atomic<std::uint32_t> g_foldedAllocs{0};
 std::atomic<std::uint32_t> g_foldedFrees{0};
 std::atomic<std::uint32_t> g_foldedAttempts{0};
 std::uint32_t g_attemptBase = 0;  // under g_threadLock
-
-inline void Bump(std::uint32_t &counter) {
-    __atomic_store_n(&counter, counter + 1, __ATOMIC_RELAXED);
-}
 
 inline std::uint32_t Peek(const std::uint32_t &counter) {
     return __atomic_load_n(&counter, __ATOMIC_RELAXED);
@@ -175,7 +154,7 @@ void RegisterThread(ThreadCache &tc) {
         g_threads = &tc;
     }
     tc.limit = kCacheSlots;
-    tc.state = kActive;
+    tc.state = kThreadActive;
     t_owner.armed = true;  // its destructor hands the cache back at thread exit
 }
 
@@ -205,16 +184,16 @@ CacheOwner::~CacheOwner() {
         tc.next->prev = tc.prev;
     }
     tc.prev = tc.next = nullptr;
-    tc.state = kExited;
+    tc.state = kThreadExited;
 }
 
 // Counting for a thread that is not (or no longer) active.
 __attribute__((noinline)) void CountSlow(ThreadCache &tc, std::uint32_t ThreadCache::*field,
                                          std::atomic<std::uint32_t> &folded) {
-    if (tc.state == kNew) {
+    if (tc.state == kThreadNew) {
         RegisterThread(tc);
     }
-    if (tc.state == kActive) {
+    if (tc.state == kThreadActive) {
         Bump(tc.*field);
     } else {
         folded.fetch_add(1, std::memory_order_relaxed);
@@ -223,7 +202,7 @@ __attribute__((noinline)) void CountSlow(ThreadCache &tc, std::uint32_t ThreadCa
 
 inline void Count(ThreadCache &tc, std::uint32_t ThreadCache::*field,
                   std::atomic<std::uint32_t> &folded) {
-    if (__builtin_expect(tc.state == kActive, 1)) {
+    if (__builtin_expect(tc.state == kThreadActive, 1)) {
         Bump(tc.*field);
     } else {
         CountSlow(tc, field, folded);
@@ -325,10 +304,6 @@ FreeResult FreeLarge(void *p, BufKind kind) {
 }
 
 // ---- pool buffers -------------------------------------------------------------------
-
-inline std::uint32_t ClassOfLen(std::uint32_t len) {
-    return len <= kClassMaxLen[0] ? 0 : (len <= kClassMaxLen[1] ? 1 : 2);
-}
 
 inline bool OnChunkGrid(const void *p, int cls) {
     return (reinterpret_cast<std::uintptr_t>(p) & (kClassStride[cls] - 1)) == kHeaderSize;

@@ -2,6 +2,7 @@
 // other kind, so neither can be released through the other's interface.
 #include "host_internal.h"
 #include "krm_mbuf/platform.h"
+#include "thread_cache.h"
 
 extern "C" {
 
@@ -11,6 +12,11 @@ const uint8_t g_aucKrmMemPt[] = {0, 1, 2, 3};
 void *KRM_Malloc_F(uint32_t ulModuleId, uint8_t ucPartition, uint32_t ulSize,
                    const char *pcFileName, uint32_t ulLine) {
     (void)ucPartition;
+    void *p =
+        krm::host::TryAllocFast(krm::host::BufKind::kPriv, ulSize, ulModuleId, pcFileName, ulLine);
+    if (p != nullptr) {
+        return p;
+    }
     return krm::host::AllocBuffer(krm::host::BufKind::kPriv, ulSize, ulModuleId, pcFileName,
                                   ulLine);
 }
@@ -20,6 +26,9 @@ void *KRM_Malloc_F(uint32_t ulModuleId, uint8_t ucPartition, uint32_t ulSize,
 uint32_t KRM_Free_F(void *pBuf, const char *pcFileName, uint32_t ulLine) {
     if (pBuf == nullptr) {
         return 1;
+    }
+    if (krm::host::TryFreeFast(pBuf, krm::host::BufKind::kPriv)) {
+        return 0;
     }
     const krm::host::FreeResult freed = krm::host::FreeBuffer(pBuf, krm::host::BufKind::kPriv);
     if (freed == krm::host::FreeResult::kOk) {

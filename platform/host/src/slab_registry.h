@@ -22,6 +22,7 @@ inline constexpr std::uintptr_t kSlabMask = kSlabSize - 1;
 inline constexpr std::uint32_t kClassCount = 3;
 inline constexpr std::uint32_t kClassMaxLen[kClassCount] = {448, 936, 1960};
 inline constexpr std::uint32_t kClassStride[kClassCount] = {512, 1024, 2048};
+static_assert(kClassStride[1] == 512u << 1 && kClassStride[2] == 512u << 2, "strides double");
 
 // Registry capacity: enough slabs for 3 GiB of pool at three quarters load.
 inline constexpr std::uint32_t kRegistryBits = 14;
