@@ -30,8 +30,10 @@ MBUF_S *MakeChain(const std::vector<uint32_t> &lens, uint32_t ulHeadRoom = 0) {
     for (std::size_t i = 0; i < lens.size(); ++i) {
         uint32_t capacity = 0;
         const uint32_t want = lens[i] + (i == 0 ? ulHeadRoom : 0);
-        MBUF_S *node = i == 0 ? MBUF_AllocateMBufHeader_fl(want, 0, &capacity, kModule, "bench", 1)
-                              : MBUF_AllocateMBufNode_fl(want, 0, &capacity, kModule, "bench", 2);
+        const uint32_t room = i == 0 ? MBUF_PKTHDR_INLINE_LEN : MBUF_PLAIN_INLINE_LEN;
+        const uint32_t size = want <= room ? 0 : want;
+        MBUF_S *node = i == 0 ? MBUF_AllocateMBufHeader_fl(size, 0, &capacity, kModule, "bench", 1)
+                              : MBUF_AllocateMBufNode_fl(size, 0, &capacity, kModule, "bench", 2);
         if (node == nullptr) {
             MBUF_Destroy(head);
             return nullptr;
