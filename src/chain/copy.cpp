@@ -70,7 +70,10 @@ void MBUF_CopyDataFromMbufToCbuf(MBUF_S *pstMbuf, int32_t lOffset, int32_t lLen,
         if (rc != 0) {
             krm::Report(krm::kModUipcMbuf, 249, "memcpy_s return %d", rc);
         }
-        dst += piece;
+        // A NULL destination stays NULL: every piece is refused and reported.
+        if (dst != nullptr) {
+            dst += piece;
+        }
         want -= piece;
         if (want == 0) {
             return;
@@ -132,7 +135,8 @@ void MBUF_CopyDataFromCbufToMbuf(MBUF_S *pstMbuf, int32_t lOffset, int32_t lLen,
     while (!stopped && rest != 0) {
         const uint32_t piece = std::min(node->ulDataLen - off, rest);
         if (piece != 0) {
-            const int rc = memmove_s(node->pucData + off, piece, src + written, piece);
+            const int rc = memmove_s(node->pucData + off, piece,
+                                     src != nullptr ? src + written : nullptr, piece);
             if (rc != 0) {
                 krm::Report(krm::kModUipcMbuf, 391, "memcpy_s return %d", rc);
             }
@@ -197,7 +201,9 @@ uint32_t MBUF_FillDataForApp(MBUF_S *pstMbuf, uint32_t ulOffset, int32_t lLen, c
         if (piece != 0) {
             (void)memmove_s(node->pucData + off, piece, src, piece);
         }
-        src += piece;
+        if (src != nullptr) {
+            src += piece;  // a NULL source stays NULL and writes nothing
+        }
         rest -= static_cast<int32_t>(piece);
         node = node->pstNext;
         off = 0;

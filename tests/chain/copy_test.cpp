@@ -2,9 +2,11 @@
 // compared with slices of the flat model.
 #include <algorithm>
 #include <cstring>
+#include <string>
 #include <utility>
 
 #include "chain_test.h"
+#include "krm_mbuf/platform.h"
 
 namespace krm::test {
 namespace {
@@ -181,6 +183,32 @@ TEST_F(CopyTest, CopyOutReportsWhatItCannotDo) {
     // What could be copied was copied.
     EXPECT_EQ(Bytes(out.begin(), out.begin() + 5), Payload(5, 0, 25));
     EXPECT_EQ(MBUF_CopyDataFromMBufToBuffer(nullptr, 0, 1, out.data()), MBUF_ERR_INVALID_MBUF);
+    MBUF_Destroy(m);
+}
+
+TEST_F(CopyTest, AFailingBoundedCopyIsReportedWithItsCodeAndTheCopyGoesOn) {
+    MBUF_S *m = BuildChain({InlineNode(10), InlineNode(20)});
+    ASSERT_NE(m, nullptr);
+    const std::uint8_t one = 1;
+    const int nullDst = memmove_s(nullptr, 1, &one, 1);
+    std::uint8_t sink = 0;
+    const int nullSrc = memmove_s(&sink, 1, nullptr, 1);
+    ASSERT_NE(nullDst, 0);
+    ASSERT_NE(nullSrc, 0);
+    // Every node's piece fails alike; each is reported.
+    EXPECT_EQ(MBUF_CopyDataFromMBufToBuffer(m, 5, 20, nullptr), MBUF_OK);
+    MBUF_CopyDataFromCbufToMbuf(m, 0, 30, nullptr, kTestModule);
+    const std::string dstText = "memcpy_s return " + std::to_string(nullDst);
+    const std::string srcText = "memcpy_s return " + std::to_string(nullSrc);
+    EXPECT_EQ(Reports(), (std::vector<Report>{
+                             AssertReport("mbuf_uipc_mbuf", 249, dstText),
+                             AssertReport("mbuf_uipc_mbuf", 249, dstText),
+                             AssertReport("mbuf_uipc_mbuf", 391, srcText),
+                             AssertReport("mbuf_uipc_mbuf", 391, srcText),
+                         }));
+    EXPECT_TRUE(HoldsBytes(m, Payload(30)));
+    EXPECT_EQ(MBUF_FillDataForApp(m, 5, 20, nullptr), MBUF_OK);
+    EXPECT_TRUE(HoldsBytes(m, Payload(30)));
     MBUF_Destroy(m);
 }
 
