@@ -7,18 +7,7 @@
 namespace krm::test {
 namespace {
 
-class TlvTest : public HostTest {
-  protected:
-    void SetUp() override {
-        HostTest::SetUp();
-        m_ = NewPacket();
-    }
-    void TearDown() override {
-        MBUF_Destroy(m_);
-        HostTest::TearDown();
-    }
-    MBUF_S *m_ = nullptr;
-};
+class TlvTest : public CtlPacketTest {};
 
 std::vector<std::uint8_t> Concat(std::initializer_list<std::vector<std::uint8_t>> parts) {
     std::vector<std::uint8_t> out;

@@ -5,16 +5,8 @@
 namespace krm::test {
 namespace {
 
-class PktTagTest : public HostTest {
+class PktTagTest : public CtlPacketTest {
   protected:
-    void SetUp() override {
-        HostTest::SetUp();
-        m_ = NewPacket();
-    }
-    void TearDown() override {
-        MBUF_Destroy(m_);
-        HostTest::TearDown();
-    }
     std::uint8_t *Tag(std::uint32_t type, std::uint32_t len) {
         return static_cast<std::uint8_t *>(
             MBUF_CreatePktTag(m_, type, len, 0, kCtlModule, kCtlFile, 5));
@@ -24,7 +16,6 @@ class PktTagTest : public HostTest {
         EXPECT_EQ(KRM_HOST_BufferInfo(m_->pstCtlInfo, &info), 0u);
         return info.ulLen;
     }
-    MBUF_S *m_ = nullptr;
 };
 
 TEST_F(PktTagTest, TagIsPlacedUnroundedAtTheEndOfTheUsedArea) {
