@@ -3,6 +3,8 @@
 #include <benchmark/benchmark.h>
 
 #include <cstdint>
+#include <cstdlib>
+#include <cstring>
 #include <vector>
 
 #include "krm_mbuf/mbuf.h"
@@ -47,5 +49,30 @@ void BM_CreateControlInfoAndGet(benchmark::State &state) {
     MBUF_Destroy(m);
 }
 BENCHMARK(BM_CreateControlInfoAndGet);
+
+// Yardsticks in the same run: the system allocator doing the bare minimum
+// of each round trip above (one node; one node's worth plus the copy).
+void BM_YardstickMallocFree936(benchmark::State &state) {
+    for (auto _ : state) {
+        void *p = std::malloc(MBUF_NODE_SIZE);
+        benchmark::DoNotOptimize(p);
+        benchmark::ClobberMemory();
+        std::free(p);
+    }
+}
+BENCHMARK(BM_YardstickMallocFree936);
+
+void BM_YardstickMallocCopy1500Free(benchmark::State &state) {
+    const std::vector<std::uint8_t> payload(1500, 0x5A);
+    for (auto _ : state) {
+        void *p = std::malloc(MBUF_CLUSTER_SIZE);
+        std::memcpy(p, payload.data(), payload.size());
+        benchmark::DoNotOptimize(p);
+        benchmark::ClobberMemory();
+        std::free(p);
+    }
+    state.SetBytesProcessed(static_cast<std::int64_t>(state.iterations()) * 1500);
+}
+BENCHMARK(BM_YardstickMallocCopy1500Free);
 
 }  // namespace
