@@ -222,8 +222,7 @@ MBUF_API int32_t MBUF_SetStackDebugForApp_fl(MBUF_S *pstMbuf, uint32_t ulCompId,
                                              uint32_t ulModuleId, const char *pcFileName,
                                              uint32_t ulLine);
 MBUF_API int32_t MBUF_SetStackDebugForApp(MBUF_S *pstMbuf, uint32_t ulCompId,
-                                          const MBUF_STACKDEBUG_CTL_S *pstCtl,
-                                          uint32_t ulModuleId);
+                                          const MBUF_STACKDEBUG_CTL_S *pstCtl, uint32_t ulModuleId);
 
 /* The first entry's component and its last stamp (its first stamp when the
  * last is unset). 0 on success; 1 for NULL arguments, 2 without record 21, 3
@@ -258,8 +257,7 @@ MBUF_API uint32_t MBUF_GetStackDebugInfo(MBUF_S *pstMbuf, char *pcBuf, uint32_t 
  * an index above 9, a missing record without bCreate, or a failed creation.
  * The wrapper passes its own name and line 184. */
 MBUF_API void MBUF_SetTimeStampEx_fl(MBUF_S *pstMbuf, uint32_t ulIndex, uint32_t bCreate,
-                                     uint32_t ulModuleId, const char *pcFileName,
-                                     uint32_t ulLine);
+                                     uint32_t ulModuleId, const char *pcFileName, uint32_t ulLine);
 MBUF_API void MBUF_SetTimeStampEx(MBUF_S *pstMbuf, uint32_t ulIndex, uint32_t bCreate,
                                   uint32_t ulModuleId);
 

@@ -84,8 +84,8 @@ constexpr std::uint32_t kLinkBridgeDomain = 11;
 // The value of a link-stack sub-TLV, when present with at least ulNeed value
 // bytes; a shorter one reads as missing. The sub-TLV may be unaligned.
 std::uint8_t *LinkValue(MBUF_S *pstMbuf, std::uint32_t ulSubType, std::uint32_t ulNeed) {
-    auto *pucTlv =
-        static_cast<std::uint8_t *>(static_cast<void *>(MBUF_BAS_GetMbufLinkStackByType(pstMbuf, ulSubType)));
+    auto *pucTlv = static_cast<std::uint8_t *>(
+        static_cast<void *>(MBUF_BAS_GetMbufLinkStackByType(pstMbuf, ulSubType)));
     if (pucTlv == nullptr || Load16At(pucTlv, 2) < ulNeed) {
         return nullptr;
     }
@@ -127,12 +127,12 @@ extern "C" {
 
 // ---- the pattern pairs, one per PAIR row of the table ------------------------------
 
-#define KRM_META_STAMP_PAIR(stem)                                                         \
-    MBUF_API uint32_t MBUF_Get##stem(MBUF_S *pstMbuf) {                                   \
-        return GetComm(pstMbuf, CommField::stem);                                         \
-    }                                                                                     \
-    MBUF_API MBUF_CTL_COMM_S *MBUF_Set##stem(MBUF_S *pstMbuf, uint32_t ulValue) {         \
-        return SetComm(pstMbuf, CommField::stem, ulValue);                                \
+#define KRM_META_STAMP_PAIR(stem)                                                 \
+    MBUF_API uint32_t MBUF_Get##stem(MBUF_S *pstMbuf) {                           \
+        return GetComm(pstMbuf, CommField::stem);                                 \
+    }                                                                             \
+    MBUF_API MBUF_CTL_COMM_S *MBUF_Set##stem(MBUF_S *pstMbuf, uint32_t ulValue) { \
+        return SetComm(pstMbuf, CommField::stem, ulValue);                        \
     }
 #define KRM_META_STAMP_OWN(stem)
 #define KRM_META_STAMP(stem, member, kind) KRM_META_STAMP_##kind(stem)

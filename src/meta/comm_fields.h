@@ -15,21 +15,21 @@ namespace krm::meta {
 // MBUF_Get<stem>/MBUF_Set<stem> pair; OWN rows have accessors of their own
 // shape (flag operations, a setter without result, a getter with an out
 // argument) written by hand over the same row.
-#define KRM_META_COMM_FIELDS(X)                         \
-    X(Flag, ulFlag, OWN)                                \
-    X(VrId, ulVrId, PAIR)                               \
-    X(VrfId, ulVrfId, PAIR)                             \
-    X(ReceiveIfIndex, ulRcvIfIndex, PAIR)               \
-    X(ReceivePhyIfIndex, ulRcvPhyIfIndex, PAIR)         \
-    X(SendIfIndex, ulSendIfIndex, PAIR)                 \
-    X(PathId, ulPathId, PAIR)                           \
-    X(SockId, ulSocketId, PAIR)                         \
-    X(ProtoType, usProtocolType, PAIR)                  \
-    X(DirectionType, usDirectionType, PAIR)             \
-    X(TimeStamp, ulTimeStamp, PAIR)                     \
-    X(ExceptionId, ulExceptionId, PAIR)                 \
-    X(PortGrpId, ulPortGroupId, PAIR)                   \
-    X(PktPriority, usPktPriority, OWN)                  \
+#define KRM_META_COMM_FIELDS(X)                 \
+    X(Flag, ulFlag, OWN)                        \
+    X(VrId, ulVrId, PAIR)                       \
+    X(VrfId, ulVrfId, PAIR)                     \
+    X(ReceiveIfIndex, ulRcvIfIndex, PAIR)       \
+    X(ReceivePhyIfIndex, ulRcvPhyIfIndex, PAIR) \
+    X(SendIfIndex, ulSendIfIndex, PAIR)         \
+    X(PathId, ulPathId, PAIR)                   \
+    X(SockId, ulSocketId, PAIR)                 \
+    X(ProtoType, usProtocolType, PAIR)          \
+    X(DirectionType, usDirectionType, PAIR)     \
+    X(TimeStamp, ulTimeStamp, PAIR)             \
+    X(ExceptionId, ulExceptionId, PAIR)         \
+    X(PortGrpId, ulPortGroupId, PAIR)           \
+    X(PktPriority, usPktPriority, OWN)          \
     X(ProductProtoType, ulProductProtocolType, OWN)
 
 enum class CommField : unsigned {
@@ -52,9 +52,8 @@ constexpr CommFieldDesc MakeCommField(const char *pcName, std::uint32_t ulOffset
 }
 
 inline constexpr CommFieldDesc kCommFields[] = {
-#define KRM_META_COMM_DESC(stem, member, kind)                             \
-    MakeCommField<decltype(MBUF_CTL_COMM_S::member)>(#stem,                \
-                                                     offsetof(MBUF_CTL_COMM_S, member)),
+#define KRM_META_COMM_DESC(stem, member, kind) \
+    MakeCommField<decltype(MBUF_CTL_COMM_S::member)>(#stem, offsetof(MBUF_CTL_COMM_S, member)),
     KRM_META_COMM_FIELDS(KRM_META_COMM_DESC)
 #undef KRM_META_COMM_DESC
 };

@@ -5,16 +5,16 @@
 
 extern "C" {
 
-MBUF_API constexpr MBUF_COMP_NAME_S g_astMbufCompStru[MBUF_COMP_NAME_NUM] = {
-    {120, "LDM"},      {101, "SOCK"},     {36, "LLA"},         {102, "PP4"},    {114, "PP6"},
-    {105, "DGNTL"},    {115, "ND"},       {119, "ARP"},        {37, "VRRP"},    {116, "GFD"},
-    {124, "PPP"},      {127, "FEI"},      {128, "SFE"},        {168, "DCN"},    {84, "MSTP"},
-    {19, "BGP_NM"},    {130, "OSPFV2NM"}, {95, "PPPOEDCN"},    {26, "RSVP"},    {29, "LDPM"},
-    {137, "ISISNM"},   {167, "Y1731"},    {83, "DHCP"},        {107, "IPAPP"},  {131, "OSPFV2LSDB"},
-    {28, "LDC"},       {27, "LNM"},       {134, "ISISLSDB"},   {72, "LACP"},
+constexpr MBUF_COMP_NAME_S g_astMbufCompStru[MBUF_COMP_NAME_NUM] = {
+    {120, "LDM"},    {101, "SOCK"},     {36, "LLA"},       {102, "PP4"},   {114, "PP6"},
+    {105, "DGNTL"},  {115, "ND"},       {119, "ARP"},      {37, "VRRP"},   {116, "GFD"},
+    {124, "PPP"},    {127, "FEI"},      {128, "SFE"},      {168, "DCN"},   {84, "MSTP"},
+    {19, "BGP_NM"},  {130, "OSPFV2NM"}, {95, "PPPOEDCN"},  {26, "RSVP"},   {29, "LDPM"},
+    {137, "ISISNM"}, {167, "Y1731"},    {83, "DHCP"},      {107, "IPAPP"}, {131, "OSPFV2LSDB"},
+    {28, "LDC"},     {27, "LNM"},       {134, "ISISLSDB"}, {72, "LACP"},
 };
 
-MBUF_API constexpr const char *g_szMbufStr = "OTHERS";
+constexpr const char *g_szMbufStr = "OTHERS";
 
 // The table is searched in its own order and the first match wins, so a
 // number listed twice would print under its first name.

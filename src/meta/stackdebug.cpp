@@ -216,9 +216,8 @@ MBUF_API MBUF_STACKDEBUG_ENTRY_S *MBUF_DelOldAddNewAppTime_fl(MBUF_S *pstMbuf, v
 
 MBUF_API int32_t MBUF_SetStackDebugInfoSelf_fl(MBUF_S *pstMbuf, uint32_t ulCompId,
                                                const KRM_SYSTIME_S *pstTime,
-                                               const BEX_CPUTICK_S *pstTick,
-                                               uint32_t ulModuleId, const char *pcFileName,
-                                               uint32_t ulLine) {
+                                               const BEX_CPUTICK_S *pstTick, uint32_t ulModuleId,
+                                               const char *pcFileName, uint32_t ulLine) {
     if (pstMbuf == nullptr || pstTime == nullptr || pstTick == nullptr) {
         return -1;
     }

@@ -38,12 +38,12 @@ inline constexpr std::uint32_t kSdGrowStep = 6;
 inline constexpr std::uint32_t kSdMaxStampCapacity = 19;
 
 // Entry.
-inline constexpr std::uint32_t kSdCompOff = 0;       // u32: component id, 0 = free
-inline constexpr std::uint32_t kSdUsecOff = 4;       // u32
-inline constexpr std::uint32_t kSdFirstOff = 8;      // 12-byte system time
-inline constexpr std::uint32_t kSdLastOff = 20;      // 12-byte system time
-inline constexpr std::uint32_t kSdTickDeltaOff = 32; // two u32: low, high
-inline constexpr std::uint32_t kSdLastTickOff = 40;  // two u32: low, high
+inline constexpr std::uint32_t kSdCompOff = 0;        // u32: component id, 0 = free
+inline constexpr std::uint32_t kSdUsecOff = 4;        // u32
+inline constexpr std::uint32_t kSdFirstOff = 8;       // 12-byte system time
+inline constexpr std::uint32_t kSdLastOff = 20;       // 12-byte system time
+inline constexpr std::uint32_t kSdTickDeltaOff = 32;  // two u32: low, high
+inline constexpr std::uint32_t kSdLastTickOff = 40;   // two u32: low, high
 inline constexpr std::uint32_t kSysTimeLen = 12;
 
 static_assert(sizeof(KRM_SYSTIME_S) == kSysTimeLen);

@@ -56,10 +56,12 @@ int SdLinePrinter::Line(const std::uint8_t *pucEntry, char *pcBuf, std::uint32_t
         m_stLast.acZone, Load32At(pucEntry, kSdUsecOff), Load32At(pucEntry, kSdTickDeltaOff));
 }
 
-std::uint32_t SdPrintableEntries(MBUF_S *pstMbuf, const std::uint8_t *pucRec) {
+std::uint32_t SdPrintableEntries(const std::uint8_t *pucRec, std::uint32_t ulLen) {
+    if (ulLen < kSdHeadLen) {
+        return 0;
+    }
     const std::uint32_t ulCapacity = pucRec[kSdCapacityOff];
-    const std::uint32_t ulLen = MBUF_GetControlLen(pstMbuf, MBUF_CTL_STACKDEBUG);
-    const std::uint32_t ulFitting = ulLen < kSdHeadLen ? 0 : (ulLen - kSdHeadLen) / kSdEntrySize;
+    const std::uint32_t ulFitting = (ulLen - kSdHeadLen) / kSdEntrySize;
     return std::min({pucRec[kSdCurIndexOff] + 1u, ulCapacity, ulFitting});
 }
 
@@ -69,7 +71,8 @@ namespace {
 
 std::uint32_t FormatLines(MBUF_S *pstMbuf, const std::uint8_t *pucRec, char *pcBuf,
                           std::uint32_t ulSize) {
-    const std::uint32_t ulEntries = krm::meta::SdPrintableEntries(pstMbuf, pucRec);
+    const std::uint32_t ulEntries =
+        krm::meta::SdPrintableEntries(pucRec, MBUF_GetControlLen(pstMbuf, MBUF_CTL_STACKDEBUG));
     krm::meta::SdLinePrinter stPrinter;
     std::uint32_t ulUsed = 0;
     for (std::uint32_t i = 0; i < ulEntries; ++i) {

@@ -27,8 +27,8 @@ class SdLinePrinter {
     Column m_stLast;
 };
 
-// How many entries of the packet's record 21 (at pucRec) are printed: up to
+// How many entries of a stack-debug record of ulLen bytes are printed: up to
 // the current one, never beyond the capacity or the record's length.
-std::uint32_t SdPrintableEntries(MBUF_S *pstMbuf, const std::uint8_t *pucRec);
+std::uint32_t SdPrintableEntries(const std::uint8_t *pucRec, std::uint32_t ulLen);
 
 }  // namespace krm::meta

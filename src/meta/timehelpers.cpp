@@ -1,6 +1,7 @@
 // Time helpers for the stack-debug record: the wall-clock time of a stored
 // CPU tick, the zone text between a universal and a local reading, and the
 // test for an unset time. They only read the platform's clocks.
+#include <cstdint>
 #include <cstdio>
 #include <cstring>
 
@@ -86,8 +87,9 @@ MBUF_API uint32_t Mbuf_GetTimeZone(const KRM_SYSTIME_S *pstTimeA, const KRM_SYST
     }
     const int iHours = static_cast<int>(ulOffset / 3600u);
     const int iMinutes = static_cast<int>((ulOffset % 3600u) / 60u);
-    const int iLen = bNegative ? std::snprintf(pcZone, kZoneTextLen, "-%02d:%02d", iHours, iMinutes)
-                               : std::snprintf(pcZone, kZoneTextLen, "+%02d:%02d", iHours, iMinutes);
+    const int iLen = bNegative
+                         ? std::snprintf(pcZone, kZoneTextLen, "-%02d:%02d", iHours, iMinutes)
+                         : std::snprintf(pcZone, kZoneTextLen, "+%02d:%02d", iHours, iMinutes);
     return (iLen < 0 || static_cast<std::uint32_t>(iLen) >= kZoneTextLen) ? 1u : 0u;
 }
 

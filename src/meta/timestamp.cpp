@@ -2,6 +2,8 @@
 // sets at points of its own choosing, each the milliseconds within the
 // current hour. Cheap enough for the forwarding path; the hour wraps, and
 // whoever reads two stamps knows they were taken within it.
+#include <cstdint>
+
 #include "core/wrapper_sites.h"
 #include "internal/bytes.h"
 #include "internal/report.h"
@@ -18,8 +20,7 @@ constexpr std::uint32_t kStampRecordLen = kStampCount * 4;
 extern "C" {
 
 MBUF_API void MBUF_SetTimeStampEx_fl(MBUF_S *pstMbuf, uint32_t ulIndex, uint32_t bCreate,
-                                     uint32_t ulModuleId, const char *pcFileName,
-                                     uint32_t ulLine) {
+                                     uint32_t ulModuleId, const char *pcFileName, uint32_t ulLine) {
     void *pRec = MBUF_GetControlInfo(pstMbuf, MBUF_CTL_TIMESTAMP);
     if (ulIndex >= kStampCount) {
         return;

@@ -19,7 +19,8 @@ struct PairCase {
     uint32_t ulFresh;  // value on a fresh block
 };
 
-#define KRM_PAIR(stem, off, width, fresh) {#stem, MBUF_Get##stem, MBUF_Set##stem, off, width, fresh}
+#define KRM_PAIR(stem, off, width, fresh) \
+    { #stem, MBUF_Get##stem, MBUF_Set##stem, off, width, fresh }
 const PairCase kPairs[] = {
     KRM_PAIR(VrId, 4, 4, 0),
     KRM_PAIR(VrfId, 8, 4, 0),

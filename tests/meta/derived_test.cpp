@@ -8,6 +8,7 @@
 
 #include "fault_sweep.h"
 #include "internal/bytes.h"
+#include "mbuf_check.h"
 #include "meta_support.h"
 
 namespace krm::metatest {
@@ -55,10 +56,10 @@ LinkTlv Other(uint16_t usType) {
 
 // The records one test packet carries.
 struct Scene {
-    std::vector<LinkTlv> link;
-    std::optional<std::vector<uint8_t>> ip;
-    std::optional<std::vector<uint8_t>> ip6;
-    std::optional<std::vector<uint8_t>> feRx;
+    std::vector<LinkTlv> link{};
+    std::optional<std::vector<uint8_t>> ip{};
+    std::optional<std::vector<uint8_t>> ip6{};
+    std::optional<std::vector<uint8_t>> feRx{};
     uint32_t ulProto = 0;
 };
 
@@ -82,6 +83,7 @@ class DerivedTest : public MetaTest {
             (void)AddRecordBytes(pstMbuf, MBUF_CTL_FERX, *scene.feRx);
         }
         (void)MBUF_SetProtoType(pstMbuf, scene.ulProto);
+        krm::test::ExpectValid(pstMbuf);
         return pstMbuf;
     }
 };
@@ -209,7 +211,7 @@ TEST_F(DerivedTest, VlanPriorityFollowsTagThenPacket) {
         int32_t lResult;
         std::vector<uint8_t> out;
     };
-    const auto ip5 = IpRec(0xA0, 0);    // priority 5
+    const auto ip5 = IpRec(0xA0, 0);      // priority 5
     const auto ip6of3 = Ip6Rec(0x60, 0);  // priority 3
     const Case cases[] = {
         {"nothing", {}, 2, -1, {0xEE, 0xEE}},
@@ -228,11 +230,7 @@ TEST_F(DerivedTest, VlanPriorityFollowsTagThenPacket) {
         {"tag mode 1 with ipv4", {.link = {VlanPrio(1, 4, 1)}, .ip = ip5}, 2, 0, {5, 4}},
         {"tag mode 1 with ethernet", {.link = {Eth(6, 0x10), VlanPrio(1, 4, 1)}}, 2, 0, {6, 4}},
         {"tag mode 1 alone", {.link = {VlanPrio(1, 4, 1)}}, 2, 0, {4, 4}},
-        {"tag mode 1, ethernet not valid",
-         {.link = {Eth(6, 0), VlanPrio(1, 4, 1)}},
-         2,
-         0,
-         {4, 4}},
+        {"tag mode 1, ethernet not valid", {.link = {Eth(6, 0), VlanPrio(1, 4, 1)}}, 2, 0, {4, 4}},
         {"tag mode 1, room for one", {.link = {VlanPrio(1, 4, 1)}, .ip = ip5}, 1, 0, {4, 0xEE}},
     };
     for (const Case &c : cases) {
@@ -355,6 +353,7 @@ TEST_F(DerivedTest, TunnelKeyCreatesTheMplsRecordOnce) {
     EXPECT_EQ(krm::Load32At(pucRec, 0), 0xFFFFFFFFu);
     EXPECT_EQ(MBUF_GetTunnelKey(pstMbuf, aucKey), 0);
     EXPECT_EQ(std::memcmp(aucKey, kKeyB, 12), 0);
+    krm::test::ExpectValid(pstMbuf);
 }
 
 TEST_F(DerivedTest, TunnelKeyLeavesAnExistingRecordsWordsAlone) {
@@ -416,6 +415,7 @@ TEST_F(DerivedTest, TunnelKeyFailingGrowthLeavesNoRecord) {
             [&] {
                 EXPECT_EQ(MBUF_GetControlInfo(pstMbuf, MBUF_CTL_MPLS), nullptr);
                 EXPECT_NE(MBUF_GetControlInfo(pstMbuf, MBUF_CTL_APP), nullptr);
+                krm::test::ExpectValid(pstMbuf);
                 MBUF_Destroy_fl(pstMbuf, "test", 4);
             },
         .onSuccess = [&] { MBUF_Destroy_fl(pstMbuf, "test", 5); },

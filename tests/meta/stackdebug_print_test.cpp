@@ -168,8 +168,8 @@ TEST_F(StackDebugPrintTest, BufferTooSmallEndsTheTextAtALine) {
     };
     const Case cases[] = {
         {1, 0, ""},
-        {ulL1, 0, ""},                          // the first line needs its terminator too
-        {ulL1 + 1, ulL1 + 1, kLine1},           // exactly full: the size is returned
+        {ulL1, 0, ""},                 // the first line needs its terminator too
+        {ulL1 + 1, ulL1 + 1, kLine1},  // exactly full: the size is returned
         {ulL1 + 2, ulL1, kLine1},
         {ulL1 + ulL2, ulL1, kLine1},
         {ulL1 + ulL2 + 1, ulL1 + ulL2 + 1, kLine1 + kLine2},

@@ -7,12 +7,14 @@
 
 #include "fault_sweep.h"
 #include "internal/bytes.h"
+#include "mbuf_check.h"
 #include "meta_support.h"
 
 namespace krm::metatest {
 namespace {
 
 using krm::test::AssertReportNoText;
+using krm::test::ExpectValid;
 using krm::test::Reports;
 
 constexpr uint32_t kCompA = 0x00650001;  // SOCK
@@ -143,6 +145,7 @@ TEST_F(StackDebugTest, FirstStampCreatesASixEntryRecord) {
     for (uint32_t i = 1; i < 6; ++i) {
         EXPECT_EQ(ReadEntry(pucRec, i).ulComp, 0u) << i;
     }
+    ExpectValid(pstMbuf);
 }
 
 TEST_F(StackDebugTest, SameComponentExtendsItsEntryAndAnotherTakesTheNext) {
@@ -176,6 +179,7 @@ TEST_F(StackDebugTest, SameComponentExtendsItsEntryAndAnotherTakesTheNext) {
     EXPECT_EQ(b.ulUsec, 0u);
     EXPECT_EQ(b.ullLastTick, m_ullTick);
     EXPECT_EQ(ReadEntry(pucRec, 2).ulComp, 0u);
+    ExpectValid(pstMbuf);
 }
 
 TEST_F(StackDebugTest, ComponentComingBackTakesANewEntry) {
@@ -241,15 +245,18 @@ TEST_F(StackDebugTest, SeventhComponentGrowsTheRecordKeepingEveryEntry) {
     EXPECT_EQ(MBUF_GetControlLen(pstMbuf, MBUF_CTL_STACKDEBUG), 608u);  // 12 x 48 + 28 = 604
     EXPECT_EQ(pucRec[4], 12u);
     EXPECT_EQ(pucRec[5], 6u);
-    // Head (but the capacity byte) and the six entries are as they were.
+    // Head (but capacity and current index) and the six entries are as
+    // they were.
     std::vector<uint8_t> after(pucRec, pucRec + 316);
     after[4] = before[4];
+    after[5] = before[5];
     EXPECT_EQ(after, before);
     EXPECT_EQ(ReadEntry(pucRec, 6).ulComp, kCompB);
     EXPECT_EQ(ReadEntry(pucRec, 6).ullLastTick, m_ullTick);
     for (uint32_t i = 7; i < 12; ++i) {
         EXPECT_EQ(ReadEntry(pucRec, i).ulComp, 0u) << i;
     }
+    ExpectValid(pstMbuf);
 }
 
 // 6, 12, 18 entries; the growth to 24 happens but is then refused, and so is
@@ -269,6 +276,7 @@ TEST_F(StackDebugTest, NoStampBeyondNineteenEntries) {
     EXPECT_EQ(ReadEntry(pucRec, 17).ulComp, kCompA + 17);
     EXPECT_EQ(ReadEntry(pucRec, 18).ulComp, 0u);
     EXPECT_EQ(Stamp(pstMbuf, kCompA + 17), -1);
+    ExpectValid(pstMbuf);
 }
 
 TEST_F(StackDebugTest, CapacityOutsideTheStampingRangeIsRefused) {
@@ -342,7 +350,9 @@ TEST_F(StackDebugTest, WrappersAttributeTheRecordToThemselves) {
         {"MBUF_SetStackDebugInfo", 214,
          [](MBUF_S *m) { return MBUF_SetStackDebugInfo(m, kCompA, kModule); }},
         {"MBUF_SetStackDebugInfoSelf", 221,
-         [](MBUF_S *m) { return MBUF_SetStackDebugInfoSelf(m, kCompA, &stTime, &stTick, kModule); }},
+         [](MBUF_S *m) {
+             return MBUF_SetStackDebugInfoSelf(m, kCompA, &stTime, &stTick, kModule);
+         }},
         {"MBUF_SetStackDebugCtl", 233,
          [](MBUF_S *m) { return MBUF_SetStackDebugCtl(m, &stCtl, kModule); }},
         {"MBUF_SetStackDebugForApp", 251,
@@ -371,6 +381,7 @@ TEST_F(StackDebugTest, FailedFirstStampLeavesNoRecord) {
         .onFailure =
             [&] {
                 EXPECT_EQ(Rec(pstMbuf), nullptr);
+                ExpectValid(pstMbuf);
                 MBUF_Destroy_fl(pstMbuf, "t", 2);
             },
         .onSuccess = [&] { MBUF_Destroy_fl(pstMbuf, "t", 3); },
@@ -398,6 +409,7 @@ TEST_F(StackDebugTest, FailedGrowthKeepsOrLosesTheRecordButNeverLeaks) {
         .onFailure =
             [&] {
                 ++ulFailure;
+                ExpectValid(pstMbuf);
                 const uint8_t *pucRec = Rec(pstMbuf);
                 if (ulFailure == 1) {
                     ASSERT_NE(pucRec, nullptr);
@@ -416,7 +428,8 @@ TEST_F(StackDebugTest, FailedGrowthKeepsOrLosesTheRecordButNeverLeaks) {
     EXPECT_EQ(result.failedRuns, 2u);
 }
 
-// ---- rebuilding the record -----------------------------------------------------------------------
+// ---- rebuilding the record
+// -----------------------------------------------------------------------
 
 TEST_F(StackDebugTest, RebuildRefusesTooFewOrFewerEntries) {
     MBUF_S *pstMbuf = NewPacket();
@@ -480,6 +493,7 @@ TEST_F(StackDebugTest, RebuildRelaysAnOlderLayout) {
                   std::vector<uint8_t>(kEntryLen - kOldEntry, 0))
             << i;
     }
+    ExpectValid(pstMbuf);
 }
 
 // Entries the old record claims but does not hold are not read: they come
@@ -505,8 +519,8 @@ TEST_F(StackDebugTest, RebuildReadsNoFurtherThanTheOldRecord) {
 TEST_F(StackDebugTest, ControlFieldsAreStoredAndTheFlagsOredIn) {
     MBUF_S *pstMbuf = NewPacket();
     ASSERT_NE(pstMbuf, nullptr);
-    const MBUF_STACKDEBUG_CTL_S stFirst{0x01, 0xA1, 0xB2C3, 0x11111111, 0x22222222, 0x33333333,
-                                       0x4444, 0x5555};
+    const MBUF_STACKDEBUG_CTL_S stFirst{0x01,       0xA1,       0xB2C3, 0x11111111,
+                                        0x22222222, 0x33333333, 0x4444, 0x5555};
     ASSERT_EQ(MBUF_SetStackDebugCtl_fl(pstMbuf, &stFirst, kModule, "c", 1), 0);
     uint8_t *pucRec = Rec(pstMbuf);
     ASSERT_NE(pucRec, nullptr);
@@ -523,6 +537,7 @@ TEST_F(StackDebugTest, ControlFieldsAreStoredAndTheFlagsOredIn) {
     EXPECT_EQ(krm::Load16At(pucRec, 24), 8u);
     EXPECT_EQ(krm::Load16At(pucRec, 26), 9u);
     EXPECT_EQ(pucRec[4], 6u);
+    ExpectValid(pstMbuf);
 
     EXPECT_EQ(MBUF_SetStackDebugCtl_fl(pstMbuf, nullptr, kModule, "c", 3), -1);
     EXPECT_EQ(MBUF_SetStackDebugCtl_fl(nullptr, &stFirst, kModule, "c", 3), -1);
@@ -548,7 +563,8 @@ TEST_F(StackDebugTest, ForAppStampsThenStoresTheControlFields) {
     EXPECT_EQ(MBUF_SetStackDebugForApp_fl(&m_stPlain, kCompA, &stCtl, kModule, "c", 3), -1);
 }
 
-// ---- readers and the copier -----------------------------------------------------------------------
+// ---- readers and the copier
+// -----------------------------------------------------------------------
 
 TEST_F(StackDebugTest, FirstTimeReadsTheFirstEntry) {
     uint32_t ulComp = 0;
@@ -622,10 +638,12 @@ TEST_F(StackDebugTest, CopyGivesTheDestinationTheSameRecord) {
     const uint8_t *pucSrc = Rec(pstSrc);
     const uint8_t *pucDst = Rec(pstDst);
     ASSERT_NE(pucDst, nullptr);
-    EXPECT_EQ(std::vector<uint8_t>(pucDst, pucDst + 604), std::vector<uint8_t>(pucSrc, pucSrc + 604));
+    EXPECT_EQ(std::vector<uint8_t>(pucDst, pucDst + 604),
+              std::vector<uint8_t>(pucSrc, pucSrc + 604));
     KRM_HOST_BUF_INFO_S stInfo{};
     ASSERT_EQ(KRM_HOST_BufferInfo(pstDst->pstCtlInfo, &stInfo), 0u);
     EXPECT_STREQ(stInfo.pcFile, "MBUF_CopyStackDebugInfo");
+    ExpectValid(pstDst);
 
     // A destination that already has the record, a bad source, NULLs.
     EXPECT_EQ(MBUF_CopyStackDebugInfo(pstSrc, pstDst, kModule), 0xFFFFFFFFu);
@@ -661,6 +679,7 @@ TEST_F(StackDebugTest, TimeStampsCountMillisecondsWithinTheHour) {
             EXPECT_EQ(krm::Load32At(pucRec, i * 4), 0u) << i;
         }
     }
+    ExpectValid(pstMbuf);
     MBUF_SetTimeStampEx(&m_stPlain, 0, 1, kModule);
     MBUF_SetTimeStampEx(nullptr, 0, 1, kModule);
     EXPECT_TRUE(Reports().empty());

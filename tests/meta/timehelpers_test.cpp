@@ -16,12 +16,12 @@ TEST_F(TimeHelperTest, ComponentTableHoldsTheDocumentedEntriesInOrder) {
         const char *pcName;
     };
     const Row rows[] = {
-        {120, "LDM"},    {101, "SOCK"},   {36, "LLA"},       {102, "PP4"},      {114, "PP6"},
-        {105, "DGNTL"},  {115, "ND"},     {119, "ARP"},      {37, "VRRP"},      {116, "GFD"},
-        {124, "PPP"},    {127, "FEI"},    {128, "SFE"},      {168, "DCN"},      {84, "MSTP"},
-        {19, "BGP_NM"},  {130, "OSPFV2NM"}, {95, "PPPOEDCN"}, {26, "RSVP"},     {29, "LDPM"},
-        {137, "ISISNM"}, {167, "Y1731"},  {83, "DHCP"},      {107, "IPAPP"},    {131, "OSPFV2LSDB"},
-        {28, "LDC"},     {27, "LNM"},     {134, "ISISLSDB"}, {72, "LACP"},
+        {120, "LDM"},    {101, "SOCK"},     {36, "LLA"},       {102, "PP4"},   {114, "PP6"},
+        {105, "DGNTL"},  {115, "ND"},       {119, "ARP"},      {37, "VRRP"},   {116, "GFD"},
+        {124, "PPP"},    {127, "FEI"},      {128, "SFE"},      {168, "DCN"},   {84, "MSTP"},
+        {19, "BGP_NM"},  {130, "OSPFV2NM"}, {95, "PPPOEDCN"},  {26, "RSVP"},   {29, "LDPM"},
+        {137, "ISISNM"}, {167, "Y1731"},    {83, "DHCP"},      {107, "IPAPP"}, {131, "OSPFV2LSDB"},
+        {28, "LDC"},     {27, "LNM"},       {134, "ISISLSDB"}, {72, "LACP"},
     };
     static_assert(sizeof(rows) / sizeof(rows[0]) == MBUF_COMP_NAME_NUM);
     static_assert(sizeof(MBUF_COMP_NAME_S) == 16);
