@@ -28,6 +28,11 @@ MBUF_STACKDEBUG_ENTRY_S *AsEntry(std::uint8_t *pucEntry) {
     return static_cast<MBUF_STACKDEBUG_ENTRY_S *>(static_cast<void *>(pucEntry));
 }
 
+// The packet's record 21 at pucRec is as long as its capacity byte says.
+bool HoldsItsEntries(MBUF_S *pstMbuf, const std::uint8_t *pucRec) {
+    return MBUF_GetControlLen(pstMbuf, MBUF_CTL_STACKDEBUG) >= SdRecordLen(pucRec[kSdCapacityOff]);
+}
+
 bool StampableCapacity(std::uint32_t ulCapacity) {
     return ulCapacity >= 1 && ulCapacity <= kSdMaxStampCapacity;
 }
@@ -155,11 +160,7 @@ std::uint8_t *RebuildRecord(MBUF_S *pstMbuf, const std::uint8_t *pucOld, std::ui
 
 std::uint8_t *SdRecord(MBUF_S *pstMbuf) {
     std::uint8_t *pucRec = RawRecord(pstMbuf);
-    if (pucRec == nullptr) {
-        return nullptr;
-    }
-    const std::uint32_t ulLen = MBUF_GetControlLen(pstMbuf, MBUF_CTL_STACKDEBUG);
-    return ulLen >= SdRecordLen(pucRec[kSdCapacityOff]) ? pucRec : nullptr;
+    return pucRec != nullptr && HoldsItsEntries(pstMbuf, pucRec) ? pucRec : nullptr;
 }
 
 }  // namespace krm::meta
@@ -225,7 +226,7 @@ MBUF_API int32_t MBUF_SetStackDebugInfoSelf_fl(MBUF_S *pstMbuf, uint32_t ulCompI
     std::uint32_t ulNewNum = kSdMinCapacity;
     if (pucRec != nullptr) {
         const std::uint32_t ulCapacity = pucRec[kSdCapacityOff];
-        if (!StampableCapacity(ulCapacity) || SdRecord(pstMbuf) == nullptr) {
+        if (!StampableCapacity(ulCapacity) || !HoldsItsEntries(pstMbuf, pucRec)) {
             return -1;
         }
         if (StampInto(pucRec, ulCompId, *pstTime, *pstTick)) {
