@@ -175,9 +175,9 @@ typedef struct MBUF_STACKDEBUG_CTL_S {
 /* Creates record 21 with ulNewNum entries, or rebuilds pstOld (the packet's
  * record 21, possibly of an older layout) with ulNewNum entries, keeping its
  * head and entries. Returns the current entry, or NULL: ulNewNum below 6 or
- * below the old capacity (both reported), allocation failure, a record
- * already present when pstOld is NULL. A failure after the old record was
- * taken down leaves the packet without record 21. */
+ * below the old capacity (both reported), above 255 (the capacity is one
+ * byte), allocation failure, a record already present when pstOld is NULL. A failure after the old
+ * record was taken down leaves the packet without record 21. */
 MBUF_API MBUF_STACKDEBUG_ENTRY_S *MBUF_DelOldAddNewAppTime_fl(MBUF_S *pstMbuf, void *pstOld,
                                                               uint32_t ulNewNum,
                                                               uint32_t ulModuleId,

@@ -28,9 +28,11 @@ MBUF_STACKDEBUG_ENTRY_S *AsEntry(std::uint8_t *pucEntry) {
     return static_cast<MBUF_STACKDEBUG_ENTRY_S *>(static_cast<void *>(pucEntry));
 }
 
-// The packet's record 21 at pucRec is as long as its capacity byte says.
+// The packet's record 21 at pucRec holds its head and as many entries as its
+// capacity byte says.
 bool HoldsItsEntries(MBUF_S *pstMbuf, const std::uint8_t *pucRec) {
-    return MBUF_GetControlLen(pstMbuf, MBUF_CTL_STACKDEBUG) >= SdRecordLen(pucRec[kSdCapacityOff]);
+    const std::uint32_t ulLen = MBUF_GetControlLen(pstMbuf, MBUF_CTL_STACKDEBUG);
+    return ulLen >= kSdHeadLen && ulLen >= SdRecordLen(pucRec[kSdCapacityOff]);
 }
 
 bool StampableCapacity(std::uint32_t ulCapacity) {
@@ -225,8 +227,11 @@ MBUF_API int32_t MBUF_SetStackDebugInfoSelf_fl(MBUF_S *pstMbuf, uint32_t ulCompI
     std::uint8_t *pucRec = RawRecord(pstMbuf);
     std::uint32_t ulNewNum = kSdMinCapacity;
     if (pucRec != nullptr) {
+        if (!HoldsItsEntries(pstMbuf, pucRec)) {
+            return -1;
+        }
         const std::uint32_t ulCapacity = pucRec[kSdCapacityOff];
-        if (!StampableCapacity(ulCapacity) || !HoldsItsEntries(pstMbuf, pucRec)) {
+        if (!StampableCapacity(ulCapacity)) {
             return -1;
         }
         if (StampInto(pucRec, ulCompId, *pstTime, *pstTick)) {
@@ -333,10 +338,13 @@ MBUF_API int32_t MBUF_GetStackDebugInfoFirstTime(MBUF_S *pstMbuf, uint32_t *pulC
     if (pucRec == nullptr) {
         return 2;
     }
+    // The first entry must lie inside the record for it to be read at all.
+    const std::uint32_t ulLen = MBUF_GetControlLen(pstMbuf, MBUF_CTL_STACKDEBUG);
+    if (ulLen < SdRecordLen(1)) {
+        return 3;
+    }
     const std::uint32_t ulCapacity = pucRec[kSdCapacityOff];
-    // The first entry must exist in the record for it to be read at all.
-    if (pucRec[kSdCurIndexOff] > ulCapacity ||
-        MBUF_GetControlLen(pstMbuf, MBUF_CTL_STACKDEBUG) < SdRecordLen(std::max(ulCapacity, 1u))) {
+    if (pucRec[kSdCurIndexOff] > ulCapacity || ulLen < SdRecordLen(ulCapacity)) {
         return 3;
     }
     const std::uint8_t *pucEntry = SdEntry(pucRec, 0);

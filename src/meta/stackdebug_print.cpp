@@ -106,7 +106,9 @@ MBUF_API uint32_t MBUF_GetStackDebugInfo(MBUF_S *pstMbuf, char *pcBuf, uint32_t 
     pcBuf[0] = '\0';
     const auto *pucRec =
         static_cast<const std::uint8_t *>(MBUF_GetControlInfo(pstMbuf, MBUF_CTL_STACKDEBUG));
-    if (pucRec == nullptr || pucRec[krm::meta::kSdCapacityOff] == 0) {
+    if (pucRec == nullptr ||
+        MBUF_GetControlLen(pstMbuf, MBUF_CTL_STACKDEBUG) < krm::meta::kSdHeadLen ||
+        pucRec[krm::meta::kSdCapacityOff] == 0) {
         return 0;
     }
     return FormatLines(pstMbuf, pucRec, pcBuf, ulSize);

@@ -191,19 +191,5 @@ TEST_F(AccessorTest, PriorityAndProductTypeHaveTheirOwnShapes) {
     }
 }
 
-TEST_F(AccessorTest, ResetCommonRecordReadsAsFreshAgain) {
-    MBUF_S *pstMbuf = NewPacket();
-    ASSERT_NE(pstMbuf, nullptr);
-    for (const PairCase &c : kPairs) {
-        (void)c.pfSet(pstMbuf, 0x11);
-    }
-    (void)MBUF_SetFlag2(pstMbuf, 0x8);
-    MBUF_DeleteControlInfo(pstMbuf, MBUF_CTL_COMM);
-    for (const PairCase &c : kPairs) {
-        EXPECT_EQ(c.pfGet(pstMbuf), c.ulFresh) << c.pcName;
-    }
-    EXPECT_EQ(MBUF_GetFlag2(pstMbuf), 0u);
-}
-
 }  // namespace
 }  // namespace krm::metatest

@@ -307,6 +307,31 @@ TEST_F(StackDebugTest, RecordShorterThanItsCapacityIsRefused) {
     EXPECT_EQ(pucRec[5], 5u);
 }
 
+// A record too short even for its head is refused by every reader and
+// writer rather than read past its end.
+TEST_F(StackDebugTest, RecordShorterThanItsHeadIsLeftAlone) {
+    MBUF_S *pstMbuf = NewPacket();
+    ASSERT_NE(pstMbuf, nullptr);
+    uint8_t *pucRec = AddRecord(pstMbuf, MBUF_CTL_STACKDEBUG, 8);
+    ASSERT_NE(pucRec, nullptr);
+    pucRec[4] = 1;
+    const MBUF_STACKDEBUG_CTL_S stCtl{1, 2, 3, 4, 5, 6, 7, 8};
+    EXPECT_EQ(Stamp(pstMbuf, kCompA), -1);
+    EXPECT_EQ(MBUF_SetStackDebugCtl_fl(pstMbuf, &stCtl, kModule, "c", 1), -1);
+    uint32_t ulComp = 0;
+    KRM_SYSTIME_S stTime = Zero();
+    EXPECT_EQ(MBUF_GetStackDebugInfoFirstTime(pstMbuf, &ulComp, &stTime), 3);
+    MBUF_STACKDEBUG_ENTRY_S *pstEntries = nullptr;
+    uint8_t ucCur = 0;
+    EXPECT_EQ(MBUF_GetStackDebugAppTime(pstMbuf, &pstEntries, &ucCur), -1);
+    MBUF_S *pstDst = NewPacket();
+    EXPECT_EQ(MBUF_CopyStackDebugInfo(pstMbuf, pstDst, kModule), 0xFFFFFFFFu);
+    char acBuf[256];
+    EXPECT_EQ(MBUF_GetStackDebugInfo(pstMbuf, acBuf, sizeof(acBuf)), 0u);
+    EXPECT_EQ(std::vector<uint8_t>(pucRec, pucRec + 8),
+              (std::vector<uint8_t>{0, 0, 0, 0, 1, 0, 0, 0}));
+}
+
 TEST_F(StackDebugTest, StampRefusesWhatItCannotStamp) {
     const KRM_SYSTIME_S stTime = Now();
     const BEX_CPUTICK_S stTick{1, 0};
