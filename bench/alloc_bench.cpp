@@ -5,6 +5,7 @@
 #include <benchmark/benchmark.h>
 
 #include <cstdlib>
+#include <vector>
 
 #include "krm_mbuf/platform.h"
 
@@ -77,26 +78,29 @@ void MallocFree(benchmark::State &state) {
     }
 }
 
-// Four buffers live at once, released in allocation order: the cache works
-// as a stack, not only as a single recycled slot.
+// Several buffers live at once, released in allocation order: the cache
+// works as a stack, not only as a single recycled slot. 4 buffers are a small
+// packet; 64 are a long chain, more than the system allocator's per-thread
+// cache holds for one size.
 void PoolAllocFreeBurst(benchmark::State &state) {
     const auto len = static_cast<uint32_t>(state.range(0));
-    MBUF_IOVEC_S iovec[4] = {
-        {nullptr, len, 0}, {nullptr, len, 0}, {nullptr, len, 0}, {nullptr, len, 0}};
+    std::vector<MBUF_IOVEC_S> iovec(static_cast<std::size_t>(state.range(1)),
+                                    MBUF_IOVEC_S{nullptr, len, 0});
+    const auto count = static_cast<uint32_t>(iovec.size());
     for (auto _ : state) {
-        if (KRM_DbufIovecAlloc_F(kModule, 4, iovec, __FILE__, __LINE__) != 0) {
+        if (KRM_DbufIovecAlloc_F(kModule, count, iovec.data(), __FILE__, __LINE__) != 0) {
             state.SkipWithError("allocation failed");
             break;
         }
         benchmark::DoNotOptimize(iovec[0].pBuf);
         benchmark::ClobberMemory();
-        (void)KRM_DbufIovecFree_F(4, iovec, __FILE__, __LINE__);
+        (void)KRM_DbufIovecFree_F(count, iovec.data(), __FILE__, __LINE__);
     }
 }
 
 void MallocFreeBurst(benchmark::State &state) {
     const auto len = static_cast<std::size_t>(state.range(0));
-    void *p[4];
+    std::vector<void *> p(static_cast<std::size_t>(state.range(1)));
     for (auto _ : state) {
         for (void *&slot : p) {
             slot = std::malloc(len);
@@ -114,5 +118,5 @@ void MallocFreeBurst(benchmark::State &state) {
 BENCHMARK(PoolAllocFree)->Arg(936)->Arg(1960);
 BENCHMARK(MallocFree)->Arg(936)->Arg(1960);
 BENCHMARK(InterfaceFloor)->Arg(936);
-BENCHMARK(PoolAllocFreeBurst)->Arg(936)->Arg(1960);
-BENCHMARK(MallocFreeBurst)->Arg(936)->Arg(1960);
+BENCHMARK(PoolAllocFreeBurst)->Args({936, 4})->Args({1960, 4})->Args({936, 64});
+BENCHMARK(MallocFreeBurst)->Args({936, 4})->Args({1960, 4})->Args({936, 64});
