@@ -23,7 +23,7 @@ MBUF_S *StampedPacket(benchmark::State &state) {
     return pstMbuf;
 }
 
-void SetStackDebugInfo(benchmark::State &state) {
+void BM_SetStackDebugInfo(benchmark::State &state) {
     MBUF_S *pstMbuf = StampedPacket(state);
     for (auto _ : state) {
         benchmark::DoNotOptimize(
@@ -31,10 +31,10 @@ void SetStackDebugInfo(benchmark::State &state) {
     }
     MBUF_Destroy_fl(pstMbuf, __FILE__, __LINE__);
 }
-BENCHMARK(SetStackDebugInfo);
+BENCHMARK(BM_SetStackDebugInfo);
 
 // The record work alone, with the caller's own time and tick.
-void SetStackDebugInfoSelf(benchmark::State &state) {
+void BM_SetStackDebugInfoSelf(benchmark::State &state) {
     MBUF_S *pstMbuf = StampedPacket(state);
     KRM_SYSTIME_S stTime{};
     BEX_CPUTICK_S stTick{};
@@ -47,10 +47,10 @@ void SetStackDebugInfoSelf(benchmark::State &state) {
     }
     MBUF_Destroy_fl(pstMbuf, __FILE__, __LINE__);
 }
-BENCHMARK(SetStackDebugInfoSelf);
+BENCHMARK(BM_SetStackDebugInfoSelf);
 
 // Yardstick: the two clock reads every stamp makes.
-void YardstickClockReads(benchmark::State &state) {
+void BM_YardstickClockReads(benchmark::State &state) {
     KRM_SYSTIME_S stTime{};
     BEX_CPUTICK_S stTick{};
     for (auto _ : state) {
@@ -59,9 +59,9 @@ void YardstickClockReads(benchmark::State &state) {
         benchmark::ClobberMemory();
     }
 }
-BENCHMARK(YardstickClockReads);
+BENCHMARK(BM_YardstickClockReads);
 
-void ReceiveIfIndexGetSet(benchmark::State &state) {
+void BM_ReceiveIfIndexGetSet(benchmark::State &state) {
     MBUF_S *pstMbuf = MBUF_CreateForControlPacket_fl(0, 64, 0, kModule, __FILE__, __LINE__);
     uint32_t ulIf = 1;
     for (auto _ : state) {
@@ -71,7 +71,7 @@ void ReceiveIfIndexGetSet(benchmark::State &state) {
     benchmark::DoNotOptimize(ulIf);
     MBUF_Destroy_fl(pstMbuf, __FILE__, __LINE__);
 }
-BENCHMARK(ReceiveIfIndexGetSet);
+BENCHMARK(BM_ReceiveIfIndexGetSet);
 
 // Yardstick: the same store and load on the block's field, out of line so
 // the call shape matches.
@@ -82,7 +82,7 @@ __attribute__((noinline)) uint32_t PlainGet(MBUF_S *pstMbuf) {
     return pstMbuf->pstCtlInfo->stComm.ulRcvIfIndex;
 }
 
-void YardstickPlainField(benchmark::State &state) {
+void BM_YardstickPlainField(benchmark::State &state) {
     MBUF_S *pstMbuf = MBUF_CreateForControlPacket_fl(0, 64, 0, kModule, __FILE__, __LINE__);
     uint32_t ulIf = 1;
     for (auto _ : state) {
@@ -93,6 +93,6 @@ void YardstickPlainField(benchmark::State &state) {
     benchmark::DoNotOptimize(ulIf);
     MBUF_Destroy_fl(pstMbuf, __FILE__, __LINE__);
 }
-BENCHMARK(YardstickPlainField);
+BENCHMARK(BM_YardstickPlainField);
 
 }  // namespace
