@@ -18,17 +18,27 @@ inline constexpr std::uint32_t kMaxControlPacket = MBUF_CLUSTER_SIZE;
 inline constexpr std::uint32_t kMaxAppHeadRoom = 2048;
 inline constexpr std::uint32_t kMaxAppPacket = 65536;
 
-// The allocator always gives at least the size asked for; only a sum that
-// wrapped around 32 bits can leave the data beyond the node. Such a packet
-// is reported and refused rather than written past its storage.
-bool FitsOrReport(MBUF_S *pstMbuf, std::uint32_t ulHeadRoom, std::uint32_t ulLen,
-                  std::uint32_t ulCapacity, std::uint32_t ulLine, const MBUF_FILE_LINE_S *pstFl) {
-    if (std::uint64_t{ulHeadRoom} + ulLen <= ulCapacity) {
-        return true;
+// A one-node packet with ulLen data bytes placed behind ulHeadRoom bytes of
+// room (the bytes themselves are the caller's to write). The allocator gives
+// at least the size asked for, so only a sum that wrapped around 32 bits can
+// leave the data beyond the node: such a packet is reported at ulLine and
+// refused rather than written past its storage.
+MBUF_S *PlacedPacket(std::uint32_t ulHeadRoom, std::uint32_t ulLen, std::uint32_t ulModuleId,
+                     const MBUF_FILE_LINE_S *pstFl, std::uint32_t ulLine) {
+    std::uint32_t ulCapacity = 0;
+    MBUF_S *pstMbuf = AllocHeaderNode(ulHeadRoom + ulLen, &ulCapacity, ulModuleId, pstFl);
+    if (pstMbuf == nullptr) {
+        return nullptr;
     }
-    ReportNoText(kModKrmMbuf, ulLine);
-    MBUF_Free(pstMbuf, pstFl);
-    return false;
+    if (std::uint64_t{ulHeadRoom} + ulLen > ulCapacity) {
+        ReportNoText(kModKrmMbuf, ulLine);
+        MBUF_Free(pstMbuf, pstFl);
+        return nullptr;
+    }
+    pstMbuf->ulTotalDataLen = ulLen;
+    pstMbuf->pucData += ulHeadRoom;
+    pstMbuf->ulDataLen = ulLen;
+    return pstMbuf;
 }
 
 }  // namespace
@@ -44,18 +54,10 @@ MBUF_API MBUF_S *MBUF_CreateByCopyBuffer_fl(uint32_t ulHeadRoom, uint32_t ulLen,
     }
     (void)ulRsv;
     const MBUF_FILE_LINE_S stFl = krm::FileLine(pcFileName, ulLine);
-    uint32_t ulCapacity = 0;
-    MBUF_S *pstMbuf = krm::AllocHeaderNode(ulHeadRoom + ulLen, &ulCapacity, ulModuleId, &stFl);
-    if (pstMbuf == nullptr) {
-        return nullptr;
+    MBUF_S *pstMbuf = krm::PlacedPacket(ulHeadRoom, ulLen, ulModuleId, &stFl, 427);
+    if (pstMbuf != nullptr) {
+        (void)memmove_s(pstMbuf->pucData, ulLen, pBuf, ulLen);
     }
-    if (!krm::FitsOrReport(pstMbuf, ulHeadRoom, ulLen, ulCapacity, 427, &stFl)) {
-        return nullptr;
-    }
-    pstMbuf->ulTotalDataLen = ulLen;
-    pstMbuf->pucData += ulHeadRoom;
-    (void)memmove_s(pstMbuf->pucData, ulLen, pBuf, ulLen);
-    pstMbuf->ulDataLen = ulLen;
     return pstMbuf;
 }
 
@@ -66,17 +68,10 @@ MBUF_API MBUF_S *MBUF_CreateForControlPacket_fl(uint32_t ulHeadRoom, uint32_t ul
         return nullptr;
     }
     (void)ulRsv;
+    // Within one cluster the node always holds the whole length behind the
+    // room, so the reservation never falls short and is never reported.
     const MBUF_FILE_LINE_S stFl = krm::FileLine(pcFileName, ulLine);
-    uint32_t ulCapacity = 0;
-    MBUF_S *pstMbuf = krm::AllocHeaderNode(ulHeadRoom + ulLen, &ulCapacity, ulModuleId, &stFl);
-    if (pstMbuf == nullptr) {
-        return nullptr;
-    }
-    pstMbuf->ulTotalDataLen = ulLen;
-    pstMbuf->pucData += ulHeadRoom;
-    ulCapacity -= ulHeadRoom;
-    pstMbuf->ulDataLen = ulLen < ulCapacity ? ulLen : ulCapacity;
-    return pstMbuf;
+    return krm::PlacedPacket(ulHeadRoom, ulLen, ulModuleId, &stFl, 0);
 }
 
 MBUF_API MBUF_S *MBUF_CreateForAppPacket_fl(uint32_t ulHeadRoom, uint32_t ulLen, uint32_t ulRsv,
@@ -88,18 +83,7 @@ MBUF_API MBUF_S *MBUF_CreateForAppPacket_fl(uint32_t ulHeadRoom, uint32_t ulLen,
     }
     (void)ulRsv;
     const MBUF_FILE_LINE_S stFl = krm::FileLine(pcFileName, ulLine);
-    uint32_t ulCapacity = 0;
-    MBUF_S *pstMbuf = krm::AllocHeaderNode(ulHeadRoom + ulLen, &ulCapacity, ulModuleId, &stFl);
-    if (pstMbuf == nullptr) {
-        return nullptr;
-    }
-    if (!krm::FitsOrReport(pstMbuf, ulHeadRoom, ulLen, ulCapacity, 527, &stFl)) {
-        return nullptr;
-    }
-    pstMbuf->ulTotalDataLen = ulLen;
-    pstMbuf->ulDataLen = ulLen;
-    pstMbuf->pucData += ulHeadRoom;
-    return pstMbuf;
+    return krm::PlacedPacket(ulHeadRoom, ulLen, ulModuleId, &stFl, 527);
 }
 
 MBUF_API MBUF_S *MBUF_CreateByCopyBuffer(uint32_t ulHeadRoom, uint32_t ulLen, const void *pBuf,

@@ -5,18 +5,7 @@
 namespace krm::test {
 namespace {
 
-class CtlInfoTest : public HostTest {
-  protected:
-    void SetUp() override {
-        HostTest::SetUp();
-        m_ = NewPacket();
-    }
-    void TearDown() override {
-        MBUF_Destroy(m_);
-        HostTest::TearDown();
-    }
-    MBUF_S *m_ = nullptr;
-};
+class CtlInfoTest : public CtlPacketTest {};
 
 TEST_F(CtlInfoTest, InitResetsTheFixedPartOnly) {
     std::uint8_t raw[MBUF_CTLINFO_INLINE_LEN];

@@ -22,6 +22,20 @@ inline MBUF_S *NewPacket() {
     return m;
 }
 
+// A test around one fresh control packet, destroyed afterwards.
+class CtlPacketTest : public HostTest {
+  protected:
+    void SetUp() override {
+        HostTest::SetUp();
+        m_ = NewPacket();
+    }
+    void TearDown() override {
+        MBUF_Destroy(m_);
+        HostTest::TearDown();
+    }
+    MBUF_S *m_ = nullptr;
+};
+
 inline bool BlockIsInline(const MBUF_S *m) {
     return m->pstCtlInfo == &m->stCtlInfo.stBlk;
 }
