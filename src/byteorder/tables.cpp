@@ -3,10 +3,9 @@
 // The exported tables are the one account of which translator serves which
 // type. The framework dispatches through them too, but must run each
 // translator bounded; so every exported translator is paired here with its
-// bounded twin, and the bounded tables are derived from the exported ones at
-// compile time. A table entry without a twin does not compile.
-#include <array>
+// bounded twin, which the framework finds from the table entry.
 #include <cstddef>
+#include <iterator>
 
 #include "byteorder/record.h"
 #include "byteorder/translators.h"
@@ -199,8 +198,13 @@ constexpr Twin<MBUF_PKTSND_NEST_TRANS_PF, NestFn> kNestTwins[] = {
     {MBUF_SNDPKT_L2mcBCastByteOrderTrans, NoPathMcBcast},
     {MBUF_SNDPKT_L3mcBCastByteOrderTrans, NoPathMcBcast}};
 
+// The bounded twin of an exported translator; aliases share an address, so
+// any name of a behaviour finds it.
 template <class E, class B, std::size_t M>
-constexpr B TwinOf(E exported, const Twin<E, B> (&twins)[M]) {
+B TwinOf(E exported, const Twin<E, B> (&twins)[M]) {
+    if (exported == nullptr) {
+        return nullptr;
+    }
     for (const auto &twin : twins) {
         if (twin.exported == exported) {
             return twin.bounded;
@@ -209,81 +213,39 @@ constexpr B TwinOf(E exported, const Twin<E, B> (&twins)[M]) {
     return nullptr;
 }
 
-template <class E, class B, std::size_t N, std::size_t M>
-constexpr std::array<B, N> Derive(const E (&table)[N], const Twin<E, B> (&twins)[M]) {
-    std::array<B, N> out{};
-    for (std::size_t i = 0; i < N; ++i) {
-        out[i] = table[i] == nullptr ? nullptr : TwinOf(table[i], twins);
-    }
-    return out;
-}
-
-template <class E, class B, std::size_t N>
-constexpr bool EveryEntryHasTwin(const E (&table)[N], const std::array<B, N> &derived) {
-    for (std::size_t i = 0; i < N; ++i) {
-        if ((table[i] == nullptr) != (derived[i] == nullptr)) {
-            return false;
-        }
-    }
-    return true;
-}
-
-constexpr auto kCtl = Derive(g_apfMbufPacketOrderTransProc, kCtlTwins);
-constexpr auto kLink = Derive(g_apfMbufLinkInfoOrderTransProc, kLinkTwins);
-constexpr auto kTnl = Derive(g_apfMbufPktSndSpcifyTnlInfoFunc, kNestTwins);
-constexpr auto kNoPath = Derive(g_apfMbufSndWithNoPathOrderTransProc, kNestTwins);
-
-struct PktSndRow {
-    std::uint16_t type;
-    PktSndFn bounded;
-};
-constexpr auto kPktSnd = [] {
-    std::array<PktSndRow, MBUF_PKTSND_TRANS_ROW_NUM> out{};
-    for (std::size_t i = 0; i < out.size(); ++i) {
-        const MBUF_PKTSND_TRANS_PROC_S &row = g_astMbufPktSndInfoByteTransProc[i];
-        out[i] = PktSndRow{row.usType, TwinOf(row.pfTrans, kPktSndTwins)};
-    }
-    return out;
-}();
-
-static_assert(EveryEntryHasTwin(g_apfMbufPacketOrderTransProc, kCtl));
-static_assert(EveryEntryHasTwin(g_apfMbufLinkInfoOrderTransProc, kLink));
-static_assert(EveryEntryHasTwin(g_apfMbufPktSndSpcifyTnlInfoFunc, kTnl));
-static_assert(EveryEntryHasTwin(g_apfMbufSndWithNoPathOrderTransProc, kNoPath));
-static_assert([] {
-    for (const PktSndRow &row : kPktSnd) {
-        if (row.bounded == nullptr) {
-            return false;
-        }
-    }
-    return true;
-}());
-
 }  // namespace
 
 CtlFn CtlTranslator(std::uint32_t type) {
-    return type < kCtl.size() ? kCtl[type] : nullptr;
+    return type < std::size(g_apfMbufPacketOrderTransProc)
+               ? TwinOf(g_apfMbufPacketOrderTransProc[type], kCtlTwins)
+               : nullptr;
 }
 
 LinkFn LinkTranslator(std::uint32_t type) {
-    return type < kLink.size() ? kLink[type] : LinkEnCap;
+    return type < std::size(g_apfMbufLinkInfoOrderTransProc)
+               ? TwinOf(g_apfMbufLinkInfoOrderTransProc[type], kLinkTwins)
+               : LinkEnCap;
 }
 
 PktSndFn PktSndTranslator(std::uint16_t type) {
-    for (const PktSndRow &row : kPktSnd) {
-        if (row.type == type) {
-            return row.bounded;
+    for (const MBUF_PKTSND_TRANS_PROC_S &row : g_astMbufPktSndInfoByteTransProc) {
+        if (row.usType == type) {
+            return TwinOf(row.pfTrans, kPktSndTwins);
         }
     }
     return nullptr;
 }
 
 NestFn TnlTranslator(std::uint32_t type) {
-    return type < kTnl.size() ? kTnl[type] : nullptr;
+    return type < std::size(g_apfMbufPktSndSpcifyTnlInfoFunc)
+               ? TwinOf(g_apfMbufPktSndSpcifyTnlInfoFunc[type], kNestTwins)
+               : nullptr;
 }
 
 NestFn NoPathTranslator(std::uint32_t type) {
-    return type < kNoPath.size() ? kNoPath[type] : nullptr;
+    return type < std::size(g_apfMbufSndWithNoPathOrderTransProc)
+               ? TwinOf(g_apfMbufSndWithNoPathOrderTransProc[type], kNestTwins)
+               : nullptr;
 }
 
 }  // namespace krm::byteorder
