@@ -16,11 +16,23 @@ extern "C" {
 #define KRM_HOST_API __attribute__((visibility("default")))
 
 /* Returns the platform to its start state: fault injection off, captured
- * reports cleared, clocks back to the real ones, tick rate back to the
- * default. Live buffers are neither freed nor forgotten. */
+ * reports cleared, allocation attempts counted from 0 again, clocks and time
+ * zone back to the real ones, tick rate back to the default. Live buffers are
+ * neither freed nor forgotten; a stream set by KRM_HOST_ReportEcho stays. */
 KRM_HOST_API void KRM_HOST_Reset(void);
 
 /* ---- buffers ------------------------------------------------------------ */
+
+/* Pipe buffers and private memory share one allocator: size-class pools up
+ * to 1960 bytes, the system allocator beyond; requests above 256 MiB fail.
+ * Data is 16-byte aligned and a zero-length request gets a unique buffer.
+ * Any thread may release a buffer of any other. Releasing what is not the
+ * start of a live buffer of that kind (double release, interior or foreign
+ * pointer, the other kind) changes nothing and raises a report of kind
+ * KRM_HOST_REPORT_PLATFORM at the caller's file and line naming the pointer
+ * and the reason; KRM_Free_F(NULL) fails without a report. Under
+ * AddressSanitizer a buffer's header, the room behind its length and every
+ * released pool chunk are poisoned. */
 
 typedef enum KRM_HOST_BUF_KIND_E {
     KRM_HOST_BUF_DBUF = 1, /* pipe buffer: KRM_DbufIovecAlloc_F */
@@ -53,11 +65,12 @@ KRM_HOST_API uint32_t KRM_HOST_BufferInfo(const void *pBuf, KRM_HOST_BUF_INFO_S 
 typedef void (*KRM_HOST_VISIT_PF)(const KRM_HOST_BUF_INFO_S *pstInfo, void *pArg);
 KRM_HOST_API uint32_t KRM_HOST_VisitLiveBuffers(KRM_HOST_VISIT_PF pfVisit, void *pArg);
 
-/* Writes one line per live buffer ("<ptr> len <n> owner <id> <file>:<line>")
- * to pstOut; returns the count. */
+/* Writes one line per live buffer ("<ptr> len <n> owner 0x<id> <file>:<line>",
+ * the id in eight hex digits) to pstOut; returns the count. */
 KRM_HOST_API uint32_t KRM_HOST_DumpLiveBuffers(FILE *pstOut);
 
-/* Sets the trace id kept in a live pipe buffer's header; 0 on success. */
+/* Sets the trace id kept in a live pipe buffer's header; 0 on success, 1 when
+ * pBuf is not the start of a live pipe buffer. */
 KRM_HOST_API uint32_t KRM_HOST_SetTraceId(void *pBuf, uint32_t ulTraceId);
 
 /* ---- fault injection ------------------------------------------------------ */
@@ -65,10 +78,13 @@ KRM_HOST_API uint32_t KRM_HOST_SetTraceId(void *pBuf, uint32_t ulTraceId);
 /* The ulNth allocation from now (1 = the next one) fails, once; 0 disarms. */
 KRM_HOST_API void KRM_HOST_FailNthAlloc(uint32_t ulNth);
 
-/* Every allocation of exactly ulSize bytes fails until disarmed with 0. */
+/* Every allocation of exactly ulSize bytes fails until disarmed with 0 (so a
+ * zero-length request cannot be made to fail this way). */
 KRM_HOST_API void KRM_HOST_FailAllocOfSize(uint32_t ulSize);
 
-/* Both apply to pipe buffers and private memory alike. */
+/* Both apply to pipe buffers and private memory alike, and every failed
+ * attempt still counts in KRM_HOST_AllocAttemptCount. A vector allocation
+ * stops at its first failing entry. */
 
 /* ---- reports ---------------------------------------------------------------- */
 
@@ -91,9 +107,12 @@ typedef struct KRM_HOST_REPORT_S {
     const char *pcText;
 } KRM_HOST_REPORT_S;
 
-/* Reports are always captured, in order, until the next reset or clear.
- * They are echoed to stderr when the environment variable KRM_HOST_REPORTS
- * is "stderr", or to the stream given here (NULL: silent again). */
+/* Reports are always captured, in order, until the next reset or clear; the
+ * strings are copies, valid until then. The list holds at most 100000
+ * reports: later ones are dropped (with one notice on stderr) so that a
+ * runaway loop cannot exhaust memory. They are echoed to stderr when the
+ * environment variable KRM_HOST_REPORTS is "stderr", or to the stream given
+ * here (NULL: silent again). */
 KRM_HOST_API uint32_t KRM_HOST_ReportCount(void);
 KRM_HOST_API uint32_t KRM_HOST_ReportGet(uint32_t ulIndex, KRM_HOST_REPORT_S *pstReport);
 KRM_HOST_API void KRM_HOST_ReportClear(void);
@@ -101,17 +120,21 @@ KRM_HOST_API void KRM_HOST_ReportEcho(FILE *pstOut);
 
 /* ---- clocks ----------------------------------------------------------------- */
 
-/* Freezes the wall clock at ulSeconds since 1970 plus ulMillis. */
+/* Freezes the wall clock at ulSeconds since 1970 plus ulMillis (whole
+ * seconds in ulMillis carry over). */
 KRM_HOST_API void KRM_HOST_SetWallClock(uint32_t ulSeconds, uint32_t ulMillis);
 
 /* Local time = universal time + lOffsetSeconds (default: the process zone). */
 KRM_HOST_API void KRM_HOST_SetTimeZone(int32_t lOffsetSeconds);
 
-/* Freezes the tick counter at ullTick; AdvanceTick moves a frozen counter. */
+/* Freezes the tick counter at ullTick; AdvanceTick moves a frozen counter
+ * (a running one is frozen at its current value first). */
 KRM_HOST_API void KRM_HOST_SetTick(uint64_t ullTick);
 KRM_HOST_API void KRM_HOST_AdvanceTick(uint64_t ullTicks);
 
-/* Ticks per second (default 1000000000: one tick a nanosecond). */
+/* Ticks per second (default 1000000000: one tick a nanosecond); 0 is
+ * ignored. The conversions BEX_CpuTick2Ms/Us and BEX_CpuTickMs2CpuTickEx use
+ * the current rate. */
 KRM_HOST_API void KRM_HOST_SetTickHz(uint32_t ulHz);
 
 #ifdef __cplusplus

@@ -1,0 +1,62 @@
+// Under AddressSanitizer the allocator poisons what no caller owns: a
+// buffer's header, the room behind its length and released chunks. These
+// accesses must be caught, or library bugs of the same kind would pass.
+#include <gtest/gtest.h>
+
+#include "host_test.h"
+#include "platform_util.h"
+
+namespace krm::test::platform {
+namespace {
+
+class AsanPoisonTest : public HostTest {
+  protected:
+    void SetUp() override {
+        HostTest::SetUp();
+#if !defined(__SANITIZE_ADDRESS__)
+        GTEST_SKIP() << "needs AddressSanitizer";
+#endif
+        GTEST_FLAG_SET(death_test_style, "threadsafe");
+    }
+};
+
+// Reads one byte the way a buggy caller would.
+unsigned char Touch(const void *p, long offset) {
+    return *(static_cast<const volatile unsigned char *>(p) + offset);
+}
+
+TEST_F(AsanPoisonTest, ReadingPastTheLengthIsCaught) {
+    for (const std::uint32_t len : {100u, 936u, 1960u}) {
+        EXPECT_DEATH((void)Touch(AllocDbuf(len), len), "use-after-poison") << len;
+    }
+    EXPECT_DEATH((void)Touch(AllocDbuf(5000), 5000), "heap-buffer-overflow");
+}
+
+TEST_F(AsanPoisonTest, TheHiddenHeaderIsCaught) {
+    EXPECT_DEATH((void)Touch(AllocDbuf(100), -4), "use-after-poison");
+    EXPECT_DEATH((void)Touch(AllocPriv(5000), -4), "use-after-poison");
+}
+
+TEST_F(AsanPoisonTest, UseAfterReleaseIsCaught) {
+    EXPECT_DEATH(
+        {
+            void *p = AllocDbuf(936);
+            (void)FreeDbuf(p);
+            (void)Touch(p, 0);
+        },
+        "use-after-poison");
+}
+
+TEST_F(AsanPoisonTest, AllocatorBookkeepingTouchesNothingPoisoned) {
+    // The platform itself reads headers of live and released buffers.
+    void *p = AllocDbuf(100);
+    KRM_HOST_BUF_INFO_S info{};
+    EXPECT_EQ(KRM_HOST_BufferInfo(p, &info), 0u);
+    EXPECT_EQ(KRM_HOST_VisitLiveBuffers(nullptr, nullptr), 1u);
+    EXPECT_EQ(FreeDbuf(p), 0u);
+    EXPECT_NE(FreeDbuf(p), 0u);
+    EXPECT_EQ(KRM_DbufLengthGET(p), 0u);
+}
+
+}  // namespace
+}  // namespace krm::test::platform
