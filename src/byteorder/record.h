@@ -93,17 +93,14 @@ enum class HeadBy { kWalker, kTranslator };
 // walker owns it. The caller has checked that it fits.
 TlvHead TakeHead(const Rec &r, std::uint32_t off, HeadBy by);
 
+void ReportNoFit(const Rec &r, std::uint32_t line, const TlvHead &head, std::uint32_t left);
+
 // Walks the sub-TLVs that fill `left` bytes of r from offset `first`. The
 // caller has checked left >= 4 and that the list lies within r. Each
 // sub-TLV that fits is handed to visit(head, offset, extent), extent being
-// its head and value; when fewer than 4 bytes remain the walk ends with 0. One that does not fit is
-// reported as "T %u ML %u TL %u" at (r.mod, noFitLine) and the walk ends with 1.
-template <class Visit>
-std::int32_t WalkTlvs(const Rec &r, std::uint32_t first, std::uint32_t left, HeadBy by,
-                      std::uint32_t noFitLine, Visit &&visit);
-
-void ReportNoFit(const Rec &r, std::uint32_t line, const TlvHead &head, std::uint32_t left);
-
+// its head and value; when fewer than 4 bytes remain the walk ends with 0.
+// One that does not fit is reported as "T %u ML %u TL %u" at
+// (r.mod, noFitLine) and the walk ends with 1.
 template <class Visit>
 std::int32_t WalkTlvs(const Rec &r, std::uint32_t first, std::uint32_t left, HeadBy by,
                       std::uint32_t noFitLine, Visit &&visit) {

@@ -13,6 +13,7 @@
 
 #include "byteorder/record.h"
 #include "internal/bytes.h"
+#include "internal/layout.h"
 #include "internal/report.h"
 #include "krm_mbuf/mbuf.h"
 #include "krm_mbuf/platform.h"
@@ -20,10 +21,11 @@
 namespace krm::byteorder {
 namespace {
 
-constexpr std::uint32_t kHeadWordOff = 84;
-constexpr std::uint32_t kUsedLenOff = 88;
-constexpr std::uint32_t kCapacityOff = 90;
-constexpr std::uint32_t kSlotsOff = 92;  // also the smallest block that holds a head
+constexpr std::uint32_t kHeadWordOff = kCtlHeadWordOffset;
+constexpr std::uint32_t kUsedLenOff = offsetof(MBUF_CONTROL_BLK_S, usUsedLen);
+constexpr std::uint32_t kCapacityOff = offsetof(MBUF_CONTROL_BLK_S, usCapacity);
+// The slot directory; also the smallest block that holds a head.
+constexpr std::uint32_t kSlotsOff = offsetof(MBUF_CONTROL_BLK_S, astSlot);
 constexpr std::uint32_t kSlotTypes = MBUF_CTL_TYPE_NUM;
 
 struct Head {

@@ -252,6 +252,10 @@ TEST_P(TlvWalkTest, ListEndingExactlyAtTheRecordEndIsWhole) {
     EXPECT_EQ(Walk(rec), 0);
     EXPECT_TRUE(SameBytes(host, rec));
     EXPECT_EQ(Reports().size(), 0u);
+
+    Block block;
+    block.Add(GetParam() ? MBUF_CTL_LINK : MBUF_CTL_PACKET, host, list.ForeignFields());
+    ExpectFrameworkRestores(block);
 }
 
 TEST_P(TlvWalkTest, TrailingBytesFewerThanAHeadEndTheWalk) {

@@ -71,6 +71,17 @@ TEST_F(NestedWalkTest, TunnelWalkDispatchesEveryNestedType) {
     EXPECT_EQ(Reports().size(), 0u);
 }
 
+TEST_F(NestedWalkTest, FrameworkReachesBothNestedWalks) {
+    const Nested tunnel = BuildNested(13, {}, 0, AllTunnels());
+    const Nested noPath = BuildNested(19, {U32(4)}, 4, {{1, kMcBcast}, {2, kMcBcast}});
+    TlvList list(false);
+    list.Append(tunnel.host, Join({kHead, tunnel.fields}));
+    list.Append(noPath.host, Join({kHead, noPath.fields}));
+    Block block;
+    block.Add(MBUF_CTL_PKTSEND, list.Host(), list.ForeignFields());
+    ExpectFrameworkRestores(block);
+}
+
 TEST_F(NestedWalkTest, TunnelWalkSkipsUnknownTypesAndStopsAtAnOverrun) {
     std::vector<Piece> pieces = {{2, {"Bd", 8, {U32(4)}}},
                                  {5, {"unknown", 10, {}}},
