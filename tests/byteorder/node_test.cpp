@@ -4,10 +4,12 @@
 #include <gtest/gtest.h>
 
 #include <cstring>
+#include <iterator>
 #include <vector>
 
 #include "image.h"
 #include "krm_mbuf/mbuf.h"
+#include "mbuf_check.h"
 
 namespace krm::test::bo {
 namespace {
@@ -150,6 +152,48 @@ TEST_F(NodeTest, PacketHeaderWordsOnTheirOwn) {
     SetBytes(*node, Foreign(host, kPktHdrWords));
     MBUF_MbufMPktHdrByteOrderTrans(node.get());
     EXPECT_TRUE(SameBytes(host, NodeBytes(*node)));
+}
+
+// Packets built by the library, as a sender of the other order would have
+// sent their nodes: every kind of node converts back to exactly what was
+// built, and the packets stay sound.
+TEST_F(NodeTest, BuiltPacketsSurviveTheRoundTrip) {
+    const std::vector<std::uint8_t> payload = ::krm::test::Pattern(3000);
+    MBUF_S *ext = MBUF_CreateByCopyBuffer(16, 3000, payload.data(), 0, 1);  // header, cluster
+    MBUF_S *inl = MBUF_CreateByCopyBuffer(16, 100, payload.data(), 0, 1);   // header, inline
+    std::uint32_t capacity = 0;
+    MBUF_S *plain = MBUF_AllocateMBufNode_fl(100, 0, &capacity, 1, "test", 1);
+    MBUF_S *plainExt = MBUF_AllocateMBufNode_fl(1000, 0, &capacity, 1, "test", 2);
+    ASSERT_TRUE(ext != nullptr && inl != nullptr && plain != nullptr && plainExt != nullptr);
+    // Empty plain nodes behind the inline packet keep its lengths true.
+    inl->pstNext = plain;
+    plain->pstNext = plainExt;
+    ext->pstNextPkt = inl;
+    MBUF_S *nodes[] = {ext, inl, plain, plainExt};
+    std::vector<Bytes> built;
+    for (MBUF_S *node : nodes) {
+        const Bytes host = NodeBytes(*node);
+        Fields fields = kHeaderWords;
+        if ((node->ulFlag & MBUF_EXT) != 0) {
+            fields = Join({fields, kExtWords});
+        }
+        if ((node->ulFlag & MBUF_PKTHDR) != 0) {
+            fields = Join({fields, kPktHdrWords});
+        }
+        Bytes foreign = Foreign(host, fields);
+        foreign[22] = kForeignCode;
+        SetBytes(*node, foreign);
+        built.push_back(host);
+    }
+    for (std::size_t i = 0; i < std::size(nodes); ++i) {
+        MBUF_SingleMbufControlBlkByteOrderTrans(nodes[i]);
+        EXPECT_TRUE(SameBytes(built[i], NodeBytes(*nodes[i]))) << "node " << i;
+    }
+    ExpectValid(ext);
+    ExpectValid(inl);
+    ext->pstNextPkt = nullptr;
+    MBUF_Destroy(ext);
+    MBUF_Destroy(inl);
 }
 
 TEST_F(NodeTest, NullNodesAreIgnored) {
