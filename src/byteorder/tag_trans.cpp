@@ -96,7 +96,10 @@ std::uint32_t RecordExtent(std::uint32_t type, const Slot &slot) {
 }
 
 // A received block is looked up as the sender left it described: the slots
-// with a length, and no more of them than the record count says.
+// with a length, and no more of them than the record count says. The same
+// walk as the block lookup of the record model, but through byte loads (a
+// message in a received stream sits at any alignment) and over the slots
+// up to the wanted one only, which the caller has checked lie within it.
 std::optional<std::uint32_t> RecordInTagMsg(const std::uint8_t *tag, std::uint32_t recNum,
                                             std::uint32_t type) {
     if (type == MBUF_CTL_COMM) {
