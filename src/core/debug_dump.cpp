@@ -10,6 +10,7 @@
 #include "internal/bytes.h"
 #include "krm_mbuf/mbuf.h"
 #include "krm_mbuf/mbuf_debug.h"
+#include "meta/meta_dump.h"
 
 namespace krm::dbg {
 namespace {
@@ -92,6 +93,19 @@ void DumpRecord(const MBUF_CONTROL_BLK_S *pstBlk, std::uint32_t ulType, Text &st
     stText.Add("  %u %s offset %u len %u", ulType, RecordName(ulType), stSlot.usOffset,
                stSlot.usLen);
     const std::uint32_t ulUsedEnd = MBUF_CTL_FIXED_LEN + pstBlk->usUsedLen;
+    if (ulType == MBUF_CTL_STACKDEBUG && stSlot.usOffset >= MBUF_CTL_FIXED_LEN &&
+        stSlot.usOffset < ulUsedEnd) {
+        stText.Add("\n");
+        const std::uint32_t ulAvail = ulUsedEnd - stSlot.usOffset;
+        meta::DumpStackDebugEntries(
+            reinterpret_cast<const std::uint8_t *>(pstBlk) + stSlot.usOffset,
+            stSlot.usLen < ulAvail ? stSlot.usLen : ulAvail,
+            [](void *pCtx, const char *pcLine) {
+                static_cast<Text *>(pCtx)->Add("    %s\n", pcLine);
+            },
+            &stText);
+        return;
+    }
     const bool bTlv =
         ulType == MBUF_CTL_LINK || ulType == MBUF_CTL_PKTSEND || ulType == MBUF_CTL_PACKET;
     if (!bTlv || stSlot.usOffset < MBUF_CTL_FIXED_LEN ||
@@ -150,6 +164,9 @@ MBUF_API uint32_t MBUF_DBG_Dump(const MBUF_S *pstMbuf, char *pcBuf, uint32_t ulS
         pstNode = pstNode->pstNext;
     }
     if ((pstMbuf->ulFlag & MBUF_PKTHDR) != 0) {
+        char acFlags[96];
+        krm::meta::DumpFlagWords(pstMbuf, acFlags, sizeof(acFlags));
+        stText.Add("%s\n", acFlags);
         krm::dbg::DumpBlock(pstMbuf, stText);
     }
     return stText.Length();

@@ -189,6 +189,7 @@ TEST_F(DebugTest, DumpShowsNodesAndBlock) {
         "node 0: header inline flags PKTHDR data 16+100 head 16 tail 256\n"
         "node 1: plain inline flags none data 0+50 head 0 tail 798\n"
         "node 2: plain external flags EXT data 0+1960 head 0 tail 0 ext 1960\n"
+        "flag words: packet 0x00000000 flag2 0x00000000 flag3 0x00000000\n"
         "block: inline mark 0x40 order " +
         std::to_string(MBUF_BYTEORDER_HOST) +
         " slots 23 records 3 used 64 capacity 264\n"
