@@ -290,10 +290,10 @@ MBUF_API extern const char g_acMbufVersion[];
 #endif
 
 /* The exported functions and tables, by family. */
-#include "krm_mbuf/mbuf_core.h"      /* nodes, memory, creation, destruction */
+#include "krm_mbuf/mbuf_byteorder.h" /* byte-order translation */
 #include "krm_mbuf/mbuf_chain.h"     /* space, copy, join, split, traversal */
+#include "krm_mbuf/mbuf_core.h"      /* nodes, memory, creation, destruction */
 #include "krm_mbuf/mbuf_ctlinfo.h"   /* control information, packet tags */
 #include "krm_mbuf/mbuf_meta.h"      /* flags, accessors, stack debug, time */
-#include "krm_mbuf/mbuf_byteorder.h" /* byte-order translation */
 
 #endif /* KRM_MBUF_MBUF_H */
