@@ -105,8 +105,8 @@ TEST_F(CtlInfoTest, DeletionFreesTheSlotNotTheBytesAndResetsTheCommonRecord) {
 TEST_F(CtlInfoTest, MeasuringByTypeTableSlotOrTlvList) {
     MBUF_S *m = NewPacket();
     ASSERT_NE(AddRecord(m, MBUF_CTL_APP, 10), nullptr);
-    AddTlvRecord(m, MBUF_CTL_PACKET, SubTlv(7, {1, 2, 3, 4, 5, 6}));
-    AddTlvRecord(m, MBUF_CTL_PKTSEND, SubTlv(7, {1, 2, 3}));
+    AddRecordBytes(m, MBUF_CTL_PACKET, TlvRecord(SubTlv(7, {1, 2, 3, 4, 5, 6})));
+    AddRecordBytes(m, MBUF_CTL_PKTSEND, TlvRecord(SubTlv(7, {1, 2, 3})));
     struct Case {
         std::uint32_t type;
         std::uint32_t ctlLen;
@@ -203,7 +203,7 @@ TEST_F(CtlInfoTest, EverySearchStopsAtTheListAndReportsAnOverlongSubTlv) {
         KRM_HOST_ReportClear();
         MBUF_S *m = NewPacket();
         EXPECT_EQ(Find(s, m, 1), nullptr) << "record absent";
-        std::uint8_t *rec = AddTlvRecord(m, s.recType, list);
+        std::uint8_t *rec = AddRecordBytes(m, s.recType, TlvRecord(list));
         ExpectValid(m);
         // Sub-type and offset of what each search finds; the alias and the
         // dispatcher find the same.
@@ -230,23 +230,6 @@ TEST_F(CtlInfoTest, EverySearchStopsAtTheListAndReportsAnOverlongSubTlv) {
         EXPECT_EQ(Reports(),
                   std::vector<Report>{AssertReport("krm_mbuf", s.reportLine, "T 7 ML 7 TL 8")});
     }
-}
-
-TEST_F(CtlInfoTest, TlvInfoMatchesTypeAndLengthAndOtherRecordsComeWhole) {
-    MBUF_S *m = NewPacket();
-    const std::uint8_t *rec =
-        AddTlvRecord(m, MBUF_CTL_PACKET, Cat({SubTlv(4, {1, 2}), SubTlv(4, {1, 2, 3, 4})}));
-    const auto find = [m](const Bytes &tlv) {
-        return reinterpret_cast<const std::uint8_t *>(MBUF_GetTlvInfo(m, AsTlv(tlv)));
-    };
-    EXPECT_EQ(find(SubTlv(4, {0, 0})), rec + 4);
-    EXPECT_EQ(find(SubTlv(4, Zeros(4))), rec + 10);
-    EXPECT_EQ(find(SubTlv(4, {0})), nullptr);
-    EXPECT_EQ(MBUF_GetTlvInfo(m, nullptr), nullptr);
-    // Records that are not TLV lists are returned whole, sub-type ignored.
-    const std::uint8_t *mpls = AddRecord(m, MBUF_CTL_MPLS, 108);
-    EXPECT_EQ(MBUF_GetControlTlvInfo(m, MBUF_CTL_MPLS, 77), mpls);
-    EXPECT_EQ(MBUF_GetControlTlvInfo(m, MBUF_CTL_COMM, 77), m->pstCtlInfo);
 }
 
 // Record 22 never grows in place: a sub-TLV of a type and length already
@@ -279,14 +262,24 @@ TEST_F(CtlInfoTest, StoringASubTlvOverwritesOrAppends) {
         const auto len = static_cast<std::uint32_t>(s.list.size()) + 4;
         const std::uint8_t *rec = Rec(m, MBUF_CTL_PACKET);
         ASSERT_NE(rec, nullptr);
-        EXPECT_EQ(Bytes(rec, rec + len),
-                  Cat({U16(0), U16(static_cast<std::uint16_t>(len - 4)), s.list}));
+        EXPECT_EQ(Bytes(rec, rec + len), TlvRecord(s.list));
         EXPECT_EQ(MBUF_GetCtlLen(m, MBUF_CTL_PACKET), len);
         EXPECT_EQ(MBUF_GetControlLen(m, MBUF_CTL_PACKET), (len + 7) & ~7u);
         EXPECT_EQ(m->pstCtlInfo->ucRecNum, 1u);
         const std::uint16_t offset = m->pstCtlInfo->astSlot[MBUF_CTL_PACKET].usOffset;
         EXPECT_EQ(offset, s.inPlace ? offsetBefore : MBUF_CTL_FIXED_LEN + usedBefore);
     }
+    // The search for a stored sub-TLV matches type and length.
+    const std::uint8_t *rec = Rec(m, MBUF_CTL_PACKET);
+    const auto find = [m](const Bytes &tlv) { return MBUF_GetTlvInfo(m, AsTlv(tlv)); };
+    EXPECT_EQ(static_cast<const void *>(find(SubTlv(9, Zeros(6)))), rec + 4);
+    EXPECT_EQ(static_cast<const void *>(find(SubTlv(9, Zeros(3)))), rec + 14);
+    EXPECT_EQ(find(SubTlv(9, Zeros(2))), nullptr);
+    EXPECT_EQ(MBUF_GetTlvInfo(m, nullptr), nullptr);
+    // Records that are not TLV lists are returned whole, sub-type ignored.
+    const std::uint8_t *mpls = AddRecord(m, MBUF_CTL_MPLS, 108);
+    EXPECT_EQ(MBUF_GetControlTlvInfo(m, MBUF_CTL_MPLS, 77), mpls);
+    EXPECT_EQ(MBUF_GetControlTlvInfo(m, MBUF_CTL_COMM, 77), m->pstCtlInfo);
 }
 
 TEST_F(CtlInfoTest, StoringRefusesWhatCannotBeStored) {

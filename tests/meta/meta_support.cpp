@@ -43,6 +43,10 @@ Bytes TimeBytes(const KRM_SYSTIME_S &t) {
     return Bytes(p, p + sizeof(t));
 }
 
+Bytes TlvRecord(const Bytes &list) {
+    return Cat({U16(0), U16(static_cast<std::uint16_t>(list.size())), list});
+}
+
 KRM_HOST_BUF_INFO_S BufInfo(const void *pBuf) {
     KRM_HOST_BUF_INFO_S stInfo{};
     EXPECT_EQ(KRM_HOST_BufferInfo(pBuf, &stInfo), 0u) << "not a live buffer";
@@ -98,11 +102,6 @@ std::uint8_t *MetaTest::AddRecordBytes(MBUF_S *pstMbuf, std::uint32_t ulType, co
         std::memcpy(pucRec, bytes.data(), bytes.size());
     }
     return pucRec;
-}
-
-std::uint8_t *MetaTest::AddTlvRecord(MBUF_S *pstMbuf, std::uint32_t ulType, const Bytes &list,
-                                     std::uint16_t usListLen) {
-    return AddRecordBytes(pstMbuf, ulType, Cat({U16(0), U16(usListLen), list}));
 }
 
 }  // namespace krm::metatest

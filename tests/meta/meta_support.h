@@ -5,7 +5,6 @@
 #pragma once
 
 #include <cstdint>
-#include <string>
 #include <vector>
 
 #include "host_test.h"
@@ -38,6 +37,8 @@ Bytes Cat(const std::vector<Bytes> &parts);
 
 // A sub-TLV: type and value length in host order, then the value.
 Bytes SubTlv(std::uint16_t usType, const Bytes &value);
+// A TLV record: a head holding the list length, then the list.
+Bytes TlvRecord(const Bytes &list);
 inline const MBUF_CTL_TLV_S *AsTlv(const Bytes &tlv) {
     return reinterpret_cast<const MBUF_CTL_TLV_S *>(tlv.data());
 }
@@ -69,12 +70,6 @@ class MetaTest : public krm::test::HostTest {
     // Creates a record of ulLen bytes (asserting success) and returns it.
     std::uint8_t *AddRecord(MBUF_S *pstMbuf, std::uint32_t ulType, std::uint32_t ulLen);
     std::uint8_t *AddRecordBytes(MBUF_S *pstMbuf, std::uint32_t ulType, const Bytes &bytes);
-    // A TLV record holding list, whose head claims usListLen bytes.
-    std::uint8_t *AddTlvRecord(MBUF_S *pstMbuf, std::uint32_t ulType, const Bytes &list,
-                               std::uint16_t usListLen);
-    std::uint8_t *AddTlvRecord(MBUF_S *pstMbuf, std::uint32_t ulType, const Bytes &list) {
-        return AddTlvRecord(pstMbuf, ulType, list, static_cast<std::uint16_t>(list.size()));
-    }
 
     MBUF_S m_stPlain{};    // an initialised node without MBUF_PKTHDR
     MBUF_S m_stNoBlock{};  // a packet-header node whose block is gone

@@ -184,8 +184,8 @@ TEST_F(StackDebugTest, StampsExtendTheCurrentEntryOrTakeTheNextAndGrowTheRecord)
             Advance(s.advance);
             ASSERT_EQ(Stamp(m, s.comp), 0);
             model.Stamp(s.comp, Now(), m_ullTick);
+            ExpectValid(m);
         }
-        ExpectValid(m);
         const Bytes want = model.Record();
         const std::uint8_t *rec = Sd(m);
         ASSERT_NE(rec, nullptr);
@@ -519,10 +519,6 @@ TEST_F(StackDebugTest, ZoneTextFollowsThePlatformConversion) {
          "[SOCK  0x  650001]: 2024-03-05 10:20:30.123" + kNoLast},
         {"negative zone", -19800, kCompA, Time(2024, 3, 5, 10, 20, 30, 123),
          "[SOCK  0x  650001]: 2024-03-05 04:50:30.123-05:30" + kNoLast},
-        {"ahead across midnight", 19800, kCompB, Time(2024, 3, 5, 20, 0, 0, 500),
-         "[ARP   0x  770002]: 2024-03-06 01:30:00.500+05:30" + kNoLast},
-        {"behind across midnight", -18000, kCompB, Time(2024, 3, 6, 1, 0, 0, 7),
-         "[ARP   0x  770002]: 2024-03-05 20:00:00.007-05:00" + kNoLast},
         // The zone text compares only days of month: at a month's end it is
         // printed the wrong way round, as the tools reading it expect.
         {"ahead across the month end", 19800, kCompB, Time(2024, 1, 31, 20, 0, 0, 500),

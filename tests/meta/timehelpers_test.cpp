@@ -28,13 +28,8 @@ TEST_F(TimeHelperTest, ComponentNamesComeFromBitsSixteenToTwentyThree) {
     };
     static_assert(sizeof(rows) / sizeof(rows[0]) == MBUF_COMP_NAME_NUM);
     for (std::uint32_t i = 0; i < MBUF_COMP_NAME_NUM; ++i) {
-        SCOPED_TRACE(rows[i].name);
-        EXPECT_EQ(g_astMbufCompStru[i].ulCompNo, rows[i].no);
-        char padded[12] = {};  // NUL-padded to the end of the 12 bytes
-        std::strncpy(padded, rows[i].name, sizeof(padded) - 1);
-        EXPECT_EQ(std::memcmp(g_astMbufCompStru[i].acName, padded, 12), 0);
-        EXPECT_EQ(MBUF_HOSTDBG_GetCompName(0xFF00FFFFu | (rows[i].no << 16)),
-                  g_astMbufCompStru[i].acName);
+        EXPECT_EQ(g_astMbufCompStru[i].ulCompNo, rows[i].no) << rows[i].name;
+        EXPECT_STREQ(MBUF_HOSTDBG_GetCompName(0xFF00FFFFu | (rows[i].no << 16)), rows[i].name);
     }
     EXPECT_STREQ(g_szMbufStr, "OTHERS");
     for (std::uint32_t id : {0x00FF0000u, 0u, 0x00010000u, 0x0000FFFFu, 0xFF00FFFFu}) {
@@ -49,21 +44,21 @@ TEST_F(TimeHelperTest, ZoneTextComparesTimesOfDayAndDaysOfMonth) {
         KRM_SYSTIME_S b;
         const char *zone;
     };
+    // Hour and minute of the 5th of March, or of another day of month.
+    const auto at = [](std::uint8_t hour, std::uint8_t minute, std::uint8_t day = 5) {
+        return Time(2024, day == 1 ? 2 : day == 31 ? 1 : 3, day, hour, minute, 0, 0);
+    };
     const Case cases[] = {
-        {"same day ahead", Time(2024, 3, 5, 10, 0, 0, 0), Time(2024, 3, 5, 18, 0, 0, 0), "+08:00"},
-        {"same day behind", Time(2024, 3, 5, 18, 0, 0, 0), Time(2024, 3, 5, 10, 30, 0, 0),
-         "-07:30"},
-        {"ahead across midnight", Time(2024, 3, 5, 20, 0, 0, 0), Time(2024, 3, 6, 1, 30, 0, 0),
-         "+05:30"},
-        {"behind across midnight", Time(2024, 3, 6, 1, 0, 0, 0), Time(2024, 3, 5, 20, 0, 0, 0),
-         "-05:00"},
-        {"equal", Time(2024, 3, 5, 10, 0, 0, 0), Time(2024, 3, 5, 10, 0, 0, 0), "-00:00"},
-        {"seconds dropped", Time(2024, 3, 5, 10, 0, 0, 0), Time(2024, 3, 5, 10, 45, 59, 0),
-         "+00:45"},
-        {"ahead across month end", Time(2024, 1, 31, 20, 0, 0, 0), Time(2024, 2, 1, 1, 30, 0, 0),
-         "-18:30"},
-        {"behind across month end", Time(2024, 2, 1, 1, 0, 0, 0), Time(2024, 1, 31, 20, 0, 0, 0),
-         "+19:00"},
+        {"same day ahead", at(10, 0), at(18, 0), "+08:00"},
+        {"same day behind", at(18, 0), at(10, 30), "-07:30"},
+        {"ahead across midnight", at(20, 0), at(1, 30, 6), "+05:30"},
+        {"behind across midnight", at(1, 0, 6), at(20, 0), "-05:00"},
+        {"equal", at(10, 0), at(10, 0), "-00:00"},
+        {"seconds dropped", at(10, 0), Time(2024, 3, 5, 10, 45, 59, 0), "+00:45"},
+        // Only the day of month is compared: across a month's end the test
+        // reads the wrong way round.
+        {"ahead across month end", at(20, 0, 31), at(1, 30, 1), "-18:30"},
+        {"behind across month end", at(1, 0, 1), at(20, 0, 31), "+19:00"},
     };
     char zone[16];
     for (const Case &c : cases) {
