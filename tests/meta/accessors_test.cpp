@@ -1,8 +1,8 @@
-// The common-record accessors and the three flag words. Offsets below are
-// the documented wire offsets, written out independently of the structure
-// the library uses, so a layout slip shows up here.
+// The common-record accessors, the three flag words, and the derived getters
+// that look in several places in a fixed order of preference. Offsets are
+// the wire offsets written out independently of the library's structures,
+// so a layout slip shows up here.
 #include <cstring>
-#include <vector>
 
 #include "internal/bytes.h"
 #include "meta_support.h"
@@ -10,14 +10,45 @@
 namespace krm::metatest {
 namespace {
 
+using krm::Load16;
+using krm::Load32;
+using krm::Load32At;
+
+constexpr bool kBigEndian = MBUF_HOST_BIG_ENDIAN != 0;
+
+MBUF_CTL_COMM_S *CommOf(MBUF_S *m) {
+    return static_cast<MBUF_CTL_COMM_S *>(MBUF_GetControlInfo(m, MBUF_CTL_COMM));
+}
+
+Bytes CommBytes(MBUF_S *m) {
+    const std::uint8_t *rec = Rec(m, MBUF_CTL_COMM);
+    return Bytes(rec, rec + MBUF_CTL_COMM_LEN);
+}
+
 struct PairCase {
-    const char *pcName;
-    uint32_t (*pfGet)(MBUF_S *);
-    MBUF_CTL_COMM_S *(*pfSet)(MBUF_S *, uint32_t);
-    uint32_t ulOffset;
-    uint32_t ulWidth;
-    uint32_t ulFresh;  // value on a fresh block
+    const char *name;
+    std::uint32_t (*get)(MBUF_S *);
+    MBUF_CTL_COMM_S *(*set)(MBUF_S *, std::uint32_t);
+    std::uint32_t offset;
+    std::uint32_t width;
+    std::uint32_t fresh;  // value on a fresh block
 };
+
+// The two fields whose accessors have shapes of their own, seen as a pair:
+// the priority setter says nothing, the product-type getter fills an out
+// argument (zero, with -1, when there is no block).
+std::uint32_t GetProductType(MBUF_S *m) {
+    std::uint32_t value = 99;
+    const std::int32_t ret = MBUF_GetProductProtoType(m, &value);
+    return ret == 0 ? value : (ret == -1 && value == 0 ? 0xFFFFFFFFu : 0xBADu);
+}
+MBUF_CTL_COMM_S *SetProductType(MBUF_S *m, std::uint32_t value) {
+    return MBUF_SetProductProtoType(m, value) == 0 ? CommOf(m) : nullptr;
+}
+MBUF_CTL_COMM_S *SetPriority(MBUF_S *m, std::uint32_t value) {
+    MBUF_SetPktPriority(m, value);
+    return CommOf(m);
+}
 
 #define KRM_PAIR(stem, off, width, fresh) \
     { #stem, MBUF_Get##stem, MBUF_Set##stem, off, width, fresh }
@@ -34,160 +65,378 @@ const PairCase kPairs[] = {
     KRM_PAIR(TimeStamp, 44, 4, 0),
     KRM_PAIR(ExceptionId, 48, 4, 0),
     KRM_PAIR(PortGrpId, 56, 4, 0),
+    {"PktPriority", MBUF_GetPktPriority, SetPriority, 64, 2, 0},
+    {"ProductProtoType", GetProductType, SetProductType, 80, 4, 0},
 };
 #undef KRM_PAIR
 
-uint32_t LoadWidth(const uint8_t *p, uint32_t ulWidth) {
-    return ulWidth == 2 ? krm::Load16(p) : krm::Load32(p);
-}
-
 class AccessorTest : public MetaTest {};
 
+// Each pair reads and writes its own field only; without a block a getter
+// reads the all-ones value of the field's width and a setter stores nothing.
 TEST_F(AccessorTest, PairsReadAndWriteTheirFieldOnly) {
-    MBUF_S *pstMbuf = NewPacket();
-    ASSERT_NE(pstMbuf, nullptr);
+    MBUF_S *m = NewPacket();
+    const auto plain = [this] {
+        const auto *p = reinterpret_cast<const std::uint8_t *>(&m_stPlain);
+        return Bytes(p, p + sizeof(m_stPlain));
+    };
+    const Bytes plainBefore = plain();
     for (const PairCase &c : kPairs) {
-        SCOPED_TRACE(c.pcName);
-        EXPECT_EQ(c.pfGet(pstMbuf), c.ulFresh);
-
-        const std::vector<uint8_t> before = CommBytes(pstMbuf);
-        // The high half is cut off by a 16-bit field.
-        EXPECT_EQ(c.pfSet(pstMbuf, 0x12345678u), MBUF_GetControlInfo(pstMbuf, MBUF_CTL_COMM));
-        const uint32_t ulStored = c.ulWidth == 2 ? 0x5678u : 0x12345678u;
-        EXPECT_EQ(c.pfGet(pstMbuf), ulStored);
-
-        std::vector<uint8_t> after = CommBytes(pstMbuf);
-        EXPECT_EQ(LoadWidth(after.data() + c.ulOffset, c.ulWidth), ulStored);
-        // Every other byte of the record is as it was.
-        std::memcpy(after.data() + c.ulOffset, before.data() + c.ulOffset, c.ulWidth);
-        EXPECT_EQ(after, before);
-    }
-}
-
-TEST_F(AccessorTest, PairsWithoutBlockReadAllOnesAndStoreNothing) {
-    const std::vector<uint8_t> plainBefore(reinterpret_cast<uint8_t *>(&m_stPlain),
-                                           reinterpret_cast<uint8_t *>(&m_stPlain + 1));
-    MBUF_S *const apstMissing[] = {nullptr, &m_stPlain, &m_stNoBlock};
-    for (const PairCase &c : kPairs) {
-        SCOPED_TRACE(c.pcName);
-        const uint32_t ulAllOnes = c.ulWidth == 2 ? 0xFFFFu : 0xFFFFFFFFu;
-        for (MBUF_S *pstMbuf : apstMissing) {
-            EXPECT_EQ(c.pfGet(pstMbuf), ulAllOnes);
-            EXPECT_EQ(c.pfSet(pstMbuf, 7), nullptr);
+        SCOPED_TRACE(c.name);
+        EXPECT_EQ(c.get(m), c.fresh);
+        Bytes expected = CommBytes(m);
+        EXPECT_EQ(c.set(m, 0x12345678u), MBUF_GetControlInfo(m, MBUF_CTL_COMM));
+        const Bytes stored = c.width == 2 ? U16(0x5678) : U32(0x12345678u);  // cut to the field
+        std::memcpy(expected.data() + c.offset, stored.data(), c.width);
+        EXPECT_EQ(CommBytes(m), expected);
+        EXPECT_EQ(c.get(m), c.width == 2 ? 0x5678u : 0x12345678u);
+        for (MBUF_S *pstMissing : m_apstMissing) {
+            EXPECT_EQ(c.get(pstMissing), c.width == 2 ? 0xFFFFu : 0xFFFFFFFFu);
+            EXPECT_EQ(c.set(pstMissing, 7), nullptr);
         }
     }
-    const std::vector<uint8_t> plainAfter(reinterpret_cast<uint8_t *>(&m_stPlain),
-                                          reinterpret_cast<uint8_t *>(&m_stPlain + 1));
-    EXPECT_EQ(plainAfter, plainBefore);
+    EXPECT_EQ(plain(), plainBefore);
     EXPECT_EQ(m_stNoBlock.pstCtlInfo, nullptr);
+    EXPECT_EQ(MBUF_GetProductProtoType(m, nullptr), -1);
 }
 
-TEST_F(AccessorTest, PacketFlagWordLivesInTheCommonRecord) {
-    MBUF_S *pstMbuf = NewPacket();
-    ASSERT_NE(pstMbuf, nullptr);
-    EXPECT_EQ(MBUF_GetFlag(pstMbuf), 0u);
-    EXPECT_EQ(MBUF_SetFlag(pstMbuf, 0x81u), 0x81u);
-    EXPECT_EQ(MBUF_SetFlag(pstMbuf, 0x100u), 0x181u);
-    EXPECT_EQ(MBUF_ClearFlag(pstMbuf, 0x80u), 0x101u);
-    EXPECT_EQ(krm::Load32(CommBytes(pstMbuf).data()), 0x101u);
-    EXPECT_EQ(MBUF_TestFlag1(pstMbuf, 0x100u), 1u);
-    EXPECT_EQ(MBUF_TestFlag1(pstMbuf, 0x180u), 1u);  // any bit of the mask
-    EXPECT_EQ(MBUF_TestFlag1(pstMbuf, 0x80u), 0u);
-    EXPECT_EQ(MBUF_GetFlag(pstMbuf), 0x101u);
-    // The node's own flag words are other words.
-    EXPECT_EQ(pstMbuf->ulFlag2, 0u);
-    EXPECT_EQ(pstMbuf->ulFlag3, 0u);
+// The packet flag word lives in the common record; ulFlag2 and ulFlag3 are
+// the header node's own words, the latter addressed by bit number.
+TEST_F(AccessorTest, FlagWordsAreSetClearedAndTestedWhereTheyLive) {
+    MBUF_S *m = NewPacket();
+    EXPECT_EQ(MBUF_GetFlag(m), 0u);
+    EXPECT_EQ(MBUF_SetFlag(m, 0x81u), 0x81u);
+    EXPECT_EQ(MBUF_SetFlag(m, 0x100u), 0x181u);
+    EXPECT_EQ(MBUF_ClearFlag(m, 0x80u), 0x101u);
+    EXPECT_EQ(MBUF_TestFlag1(m, 0x180u), 1u);  // any bit of the mask
+    EXPECT_EQ(MBUF_TestFlag1(m, 0x80u), 0u);
+    EXPECT_EQ(MBUF_SetFlag2(m, 0x30u), 0);
+    EXPECT_EQ(MBUF_ClearFlag2(m, 0x10u), 0);
+    EXPECT_EQ(MBUF_TestFlag2(m, 0x21u), 1u);
+    EXPECT_EQ(MBUF_TestFlag2(m, 0x10u), 0u);
+    for (std::uint32_t bit : {0u, 5u, 31u}) {
+        EXPECT_EQ(MBUF_TestFlag3(m, bit), 0u) << bit;
+        EXPECT_EQ(MBUF_SetFlag3(m, bit), 0) << bit;
+        EXPECT_EQ(MBUF_TestFlag3(m, bit), 1u) << bit;
+    }
+    EXPECT_EQ(MBUF_ClearFlag3(m, 5), 0);
+    EXPECT_EQ(MBUF_SetFlag3(m, 32), -1);
+    EXPECT_EQ(MBUF_ClearFlag3(m, 32), -1);
+    EXPECT_EQ(MBUF_TestFlag3(m, 32), 0u);
+    EXPECT_EQ(Load32(CommBytes(m).data()), 0x101u);
+    EXPECT_EQ(m->ulFlag2, 0x20u);
+    EXPECT_EQ(m->ulFlag3, 0x80000001u);
 
-    for (MBUF_S *pstMissing : {static_cast<MBUF_S *>(nullptr), &m_stPlain, &m_stNoBlock}) {
+    // Without a block the header's words are still its own; a plain node's
+    // are read by GetFlag2 only and never written.
+    EXPECT_EQ(MBUF_SetFlag2(&m_stNoBlock, 4), 0);
+    EXPECT_EQ(MBUF_SetFlag3(&m_stNoBlock, 2), 0);
+    EXPECT_EQ(MBUF_GetFlag2(&m_stNoBlock), 4u);
+    EXPECT_EQ(MBUF_TestFlag3(&m_stNoBlock, 2), 1u);
+    m_stPlain.ulFlag2 = 0x5A5A0000u;
+    m_stPlain.ulFlag3 = 0xFFFFFFFFu;
+    EXPECT_EQ(MBUF_GetFlag2(&m_stPlain), 0x5A5A0000u);
+    EXPECT_EQ(MBUF_GetFlag2(nullptr), 0xFFFFFFFFu);
+    for (MBUF_S *p : {static_cast<MBUF_S *>(nullptr), &m_stPlain}) {
+        EXPECT_EQ(MBUF_TestFlag2(p, 0xFFFFFFFFu) | MBUF_TestFlag3(p, 0), 0u);
+        EXPECT_EQ(MBUF_SetFlag2(p, 1) + MBUF_ClearFlag2(p, 0xFFFFFFFFu), -2);
+        EXPECT_EQ(MBUF_SetFlag3(p, 0) + MBUF_ClearFlag3(p, 0), -2);
+    }
+    EXPECT_EQ(m_stPlain.ulFlag2, 0x5A5A0000u);
+    EXPECT_EQ(m_stPlain.ulFlag3, 0xFFFFFFFFu);
+    for (MBUF_S *pstMissing : m_apstMissing) {
         EXPECT_EQ(MBUF_GetFlag(pstMissing), 0xFFFFFFFFu);
-        EXPECT_EQ(MBUF_SetFlag(pstMissing, 1), 0u);
-        EXPECT_EQ(MBUF_ClearFlag(pstMissing, 1), 0u);
+        EXPECT_EQ(MBUF_SetFlag(pstMissing, 1) | MBUF_ClearFlag(pstMissing, 1), 0u);
         EXPECT_EQ(MBUF_TestFlag1(pstMissing, 0xFFFFFFFFu), 0u);
     }
 }
 
-TEST_F(AccessorTest, Flag2IsReadOnAnyNodeButWrittenOnlyOnAHeader) {
-    MBUF_S *pstMbuf = NewPacket();
-    ASSERT_NE(pstMbuf, nullptr);
-    EXPECT_EQ(MBUF_SetFlag2(pstMbuf, 0x30u), 0);
-    EXPECT_EQ(MBUF_ClearFlag2(pstMbuf, 0x10u), 0);
-    EXPECT_EQ(pstMbuf->ulFlag2, 0x20u);
-    EXPECT_EQ(MBUF_GetFlag2(pstMbuf), 0x20u);
-    EXPECT_EQ(MBUF_TestFlag2(pstMbuf, 0x21u), 1u);
-    EXPECT_EQ(MBUF_TestFlag2(pstMbuf, 0x10u), 0u);
+// ---- derived getters ----------------------------------------------------------------------
 
-    // A plain node's word at the same place is read, never written.
-    m_stPlain.ulFlag2 = 0x5A5A0000u;
-    EXPECT_EQ(MBUF_GetFlag2(&m_stPlain), 0x5A5A0000u);
-    EXPECT_EQ(MBUF_TestFlag2(&m_stPlain, 0xFFFFFFFFu), 0u);
-    EXPECT_EQ(MBUF_SetFlag2(&m_stPlain, 1), -1);
-    EXPECT_EQ(MBUF_ClearFlag2(&m_stPlain, 0xFFFFFFFFu), -1);
-    EXPECT_EQ(m_stPlain.ulFlag2, 0x5A5A0000u);
+// One record of a test packet; the link stack is record 1 with its sub-TLVs.
+struct Record {
+    std::uint32_t type;
+    Bytes bytes;
+};
 
-    // Without a block the word is still the node's.
-    EXPECT_EQ(MBUF_SetFlag2(&m_stNoBlock, 4), 0);
-    EXPECT_EQ(MBUF_GetFlag2(&m_stNoBlock), 4u);
-
-    EXPECT_EQ(MBUF_GetFlag2(nullptr), 0xFFFFFFFFu);
-    EXPECT_EQ(MBUF_TestFlag2(nullptr, 1), 0u);
-    EXPECT_EQ(MBUF_SetFlag2(nullptr, 1), -1);
-    EXPECT_EQ(MBUF_ClearFlag2(nullptr, 1), -1);
-}
-
-TEST_F(AccessorTest, Flag3IsAddressedByBitNumber) {
-    MBUF_S *pstMbuf = NewPacket();
-    ASSERT_NE(pstMbuf, nullptr);
-    for (uint32_t ulBit : {0u, 5u, 31u}) {
-        SCOPED_TRACE(ulBit);
-        EXPECT_EQ(MBUF_TestFlag3(pstMbuf, ulBit), 0u);
-        EXPECT_EQ(MBUF_SetFlag3(pstMbuf, ulBit), 0);
-        EXPECT_EQ(MBUF_TestFlag3(pstMbuf, ulBit), 1u);
+// Records and link-stack sub-TLVs at their wire offsets.
+class DerivedTest : public MetaTest {
+  protected:
+    static Record Ip(std::uint8_t tos, std::uint16_t mtu) {
+        return {MBUF_CTL_IP, Zeros(20, {{13, {tos}}, {14, U16(mtu)}})};
     }
-    EXPECT_EQ(pstMbuf->ulFlag3, 0x80000021u);
-    EXPECT_EQ(MBUF_ClearFlag3(pstMbuf, 5), 0);
-    EXPECT_EQ(pstMbuf->ulFlag3, 0x80000001u);
-    EXPECT_EQ(MBUF_TestFlag3(pstMbuf, 5), 0u);
+    static Record Ip6(std::uint8_t tclass, std::uint16_t mtu) {
+        return {MBUF_CTL_IP6, Zeros(52, {{36, {tclass}}, {38, U16(mtu)}})};
+    }
+    // Forwarding-engine receive record: the VLAN word at 16 and the flags at
+    // 28; with one tag the half-word at 16 holds the id, whichever the order.
+    static Record FeRx(std::uint32_t word, std::uint16_t flags) {
+        return {MBUF_CTL_FERX, Zeros(52, {{16, U32(word)}, {28, U16(flags)}})};
+    }
+    static Record FeRx1(std::uint16_t vlan, std::uint16_t flags) {
+        return {MBUF_CTL_FERX, Zeros(52, {{16, U16(vlan)}, {28, U16(flags)}})};
+    }
+    static Record Link(const std::vector<Bytes> &subTlvs) {
+        return {MBUF_CTL_LINK, TlvRecord(Cat(subTlvs))};
+    }
+    static Bytes Dot1q(std::uint16_t vlan) { return SubTlv(4, U16(vlan)); }
+    static Bytes QinQ(std::uint16_t at0, std::uint16_t at2) {
+        return SubTlv(2, Cat({U16(at0), U16(at2)}));
+    }
+    static Bytes Eth(std::uint8_t priority, std::uint16_t flags) {
+        return SubTlv(0, Zeros(24, {{16, {priority}}, {18, U16(flags)}}));
+    }
+    static Bytes VlanPrio(std::uint8_t mode, std::uint8_t prio, std::uint8_t prio2) {
+        return SubTlv(10, Zeros(8, {{4, {mode}}, {5, {prio}}, {6, {prio2}}}));
+    }
+    // The prune VLANs of a VSI (9) or bridge-domain (11) sub-TLV.
+    static Bytes Prune(std::uint16_t type, std::uint16_t first, std::uint16_t second) {
+        return SubTlv(type, Zeros(20, {{16, U16(first)}, {18, U16(second)}}));
+    }
 
-    EXPECT_EQ(MBUF_SetFlag3(pstMbuf, 32), -1);
-    EXPECT_EQ(MBUF_ClearFlag3(pstMbuf, 32), -1);
-    EXPECT_EQ(MBUF_TestFlag3(pstMbuf, 32), 0u);
-    EXPECT_EQ(pstMbuf->ulFlag3, 0x80000001u);
+    MBUF_S *Build(const std::vector<Record> &records, std::uint32_t proto = 0) {
+        MBUF_S *m = NewPacket();
+        for (const Record &r : records) {
+            AddRecordBytes(m, r.type, r.bytes);
+        }
+        (void)MBUF_SetProtoType(m, proto);
+        ExpectValid(m);
+        return m;
+    }
+};
 
-    m_stPlain.ulFlag3 = 0xFFFFFFFFu;
-    EXPECT_EQ(MBUF_TestFlag3(&m_stPlain, 0), 0u);
-    EXPECT_EQ(MBUF_SetFlag3(&m_stPlain, 0), -1);
-    EXPECT_EQ(MBUF_ClearFlag3(&m_stPlain, 0), -1);
-    EXPECT_EQ(m_stPlain.ulFlag3, 0xFFFFFFFFu);
-    EXPECT_EQ(MBUF_TestFlag3(nullptr, 0), 0u);
-    EXPECT_EQ(MBUF_SetFlag3(nullptr, 0), -1);
-    EXPECT_EQ(MBUF_ClearFlag3(nullptr, 0), -1);
+TEST_F(DerivedTest, TosPrefersIpv4AndMtuFollowsTheProtocolType) {
+    struct Case {
+        const char *name;
+        std::vector<Record> records;
+        std::uint32_t proto;
+        std::uint32_t tos;
+        std::uint32_t mtu;
+    };
+    const Case cases[] = {
+        {"nothing", {}, 0, 0xFF, 0xFFFF},
+        {"ipv4", {Ip(0x2E, 1500)}, 0, 0x2E, 1500},
+        {"ipv6", {Ip6(0x48, 1280)}, 1, 0x48, 1280},
+        {"both, ipv4 packet", {Ip(0x2E, 1500), Ip6(0x48, 1280)}, 0, 0x2E, 1500},
+        {"both, ipv6 packet", {Ip(0x2E, 1500), Ip6(0x48, 1280)}, 1, 0x2E, 1280},
+        {"ipv4 record, ipv6 packet", {Ip(0x2E, 1500)}, 1, 0x2E, 0xFFFF},
+        {"ipv6 record, ipv4 packet", {Ip6(0x48, 1280)}, 0, 0x48, 0xFFFF},
+        {"other protocol", {Ip(1, 1500), Ip6(2, 1280)}, 2, 1, 0xFFFF},
+        // A record too short for the field reads as missing.
+        {"short ipv4 record", {{MBUF_CTL_IP, Zeros(8)}, Ip6(0x48, 1280)}, 0, 0x48, 0xFFFF},
+    };
+    for (const Case &c : cases) {
+        MBUF_S *m = Build(c.records, c.proto);
+        EXPECT_EQ(MBUF_GetIPTOS(m), c.tos) << c.name;
+        EXPECT_EQ(MBUF_GetReceiveIfMTU(m), c.mtu) << c.name;
+    }
+    for (MBUF_S *pstMissing : m_apstMissing) {
+        EXPECT_EQ(MBUF_GetIPTOS(pstMissing), 0xFFu);
+        EXPECT_EQ(MBUF_GetReceiveIfMTU(pstMissing), 0xFFFFu);
+    }
 }
 
-TEST_F(AccessorTest, PriorityAndProductTypeHaveTheirOwnShapes) {
-    MBUF_S *pstMbuf = NewPacket();
-    ASSERT_NE(pstMbuf, nullptr);
-    EXPECT_EQ(MBUF_GetPktPriority(pstMbuf), 0u);
-    MBUF_SetPktPriority(pstMbuf, 0xABCD0007u);
-    EXPECT_EQ(MBUF_GetPktPriority(pstMbuf), 7u);
-    EXPECT_EQ(krm::Load16(CommBytes(pstMbuf).data() + 64), 7u);
-    EXPECT_EQ(krm::Load16(CommBytes(pstMbuf).data() + 66), 0u);
+TEST_F(DerivedTest, RecvVlanIdSearchesLinkStackThenForwardingRecord) {
+    struct Case {
+        const char *name;
+        std::vector<Record> records;
+        std::uint32_t count;             // 0: not found
+        std::vector<std::uint16_t> ids;  // out[] as it must read afterwards
+    };
+    constexpr std::uint16_t kNone = 0xEEEE;
+    // Two tags: the first id is the low 12 bits of the half-word at 16, the
+    // second those of the word at 16 (its low half on a big-endian host).
+    const std::uint16_t twoFirst = kBigEndian ? 100 : 200;
+    const std::uint16_t badFirst = kBigEndian ? 100 : 4095;
+    const Case cases[] = {
+        {"802.1Q", {Link({Dot1q(100)})}, 1, {100, kNone}},
+        {"802.1Q before QinQ", {Link({QinQ(10, 20), Dot1q(100)})}, 1, {100, kNone}},
+        {"QinQ, value at 2 first", {Link({QinQ(10, 20)})}, 2, {20, 10}},
+        {"QinQ before FE record", {Link({QinQ(10, 20)}), FeRx1(300, 0x2000)}, 2, {20, 10}},
+        {"802.1Q without value skipped", {Link({SubTlv(4, {}), QinQ(10, 20)})}, 2, {20, 10}},
+        {"one tag, high bits masked", {FeRx1(0xF12C, 0x2000)}, 1, {300, kNone}},
+        {"one tag 1", {FeRx1(1, 0x2000)}, 1, {1, kNone}},
+        {"one tag 4094", {FeRx1(4094, 0x2000)}, 1, {4094, kNone}},
+        {"one tag 4095", {FeRx1(4095, 0x2000)}, 0, {4095, kNone}},
+        {"one tag 0", {FeRx1(0, 0x2000)}, 0, {0, kNone}},
+        {"two tags", {FeRx((0x3064u << 16) | 0x40C8u, 0x400)}, 2, {twoFirst, 200}},
+        {"two tags, second 4095", {FeRx((100u << 16) | 0xFFFu, 0x400)}, 0, {badFirst, 4095}},
+        // The one-tag flag decides; a bad one-tag id does not fall back.
+        {"both flags, bad single id", {FeRx((4095u << 16) | 4095u, 0x2400)}, 0, {4095, kNone}},
+        {"no tag flags", {FeRx1(100, 0x1000)}, 0, {kNone, kNone}},
+        {"unrelated sub-TLV only", {Link({SubTlv(7, Zeros(8))})}, 0, {kNone, kNone}},
+        {"nothing", {}, 0, {kNone, kNone}},
+    };
+    for (const Case &c : cases) {
+        MBUF_S *m = Build(c.records);
+        std::uint16_t out[2] = {kNone, kNone};
+        std::uint32_t count = 77;
+        EXPECT_EQ(MBUF_GetRecvVlanId(m, out, 2, &count),
+                  c.count != 0 ? MBUF_OK : MBUF_ERR_NOT_FOUND)
+            << c.name;
+        EXPECT_EQ(count, c.count) << c.name;
+        EXPECT_EQ(std::vector<std::uint16_t>(out, out + 2), c.ids) << c.name;
+    }
+    MBUF_S *m = Build({Link({Dot1q(100)})});
+    std::uint16_t out[2] = {};
+    std::uint32_t count = 77;
+    EXPECT_EQ(MBUF_GetRecvVlanId(nullptr, out, 2, &count), MBUF_ERR_BAD_ARG);
+    EXPECT_EQ(MBUF_GetRecvVlanId(m, nullptr, 2, &count), MBUF_ERR_BAD_ARG);
+    EXPECT_EQ(MBUF_GetRecvVlanId(m, out, 1, &count), MBUF_ERR_BAD_ARG);
+    EXPECT_EQ(MBUF_GetRecvVlanId(m, out, 2, nullptr), MBUF_ERR_BAD_ARG);
+    EXPECT_EQ(count, 77u);
+    EXPECT_EQ(MBUF_GetRecvVlanId(&m_stPlain, out, 2, &count), MBUF_ERR_NOT_FOUND);
+    EXPECT_EQ(count, 0u);
+}
 
-    uint32_t ulValue = 99;
-    EXPECT_EQ(MBUF_GetProductProtoType(pstMbuf, &ulValue), 0);
-    EXPECT_EQ(ulValue, 0u);
-    EXPECT_EQ(MBUF_SetProductProtoType(pstMbuf, 0xC0FFEEu), 0);
-    EXPECT_EQ(MBUF_GetProductProtoType(pstMbuf, &ulValue), 0);
-    EXPECT_EQ(ulValue, 0xC0FFEEu);
-    EXPECT_EQ(krm::Load32(CommBytes(pstMbuf).data() + 80), 0xC0FFEEu);
-    EXPECT_EQ(MBUF_GetProductProtoType(pstMbuf, nullptr), -1);
+TEST_F(DerivedTest, VlanPriorityFollowsTagThenPacket) {
+    struct Case {
+        const char *name;
+        std::vector<Record> records;
+        std::uint32_t capacity;
+        Bytes out;  // empty: not found
+    };
+    const Record ip5 = Ip(0xA0, 0);      // priority 5
+    const Record ip6of3 = Ip6(0x60, 0);  // priority 3
+    const Case cases[] = {
+        {"nothing", {}, 2, {}},
+        {"ipv4", {ip5}, 2, {5, 5}},
+        {"ipv4, room for one", {ip5}, 1, {5, 0xEE}},
+        {"ipv4, no room", {ip5}, 0, {0xEE, 0xEE}},
+        {"ipv6", {ip6of3}, 2, {3, 3}},
+        {"ipv4 before ipv6", {ip5, ip6of3}, 2, {5, 5}},
+        {"ipv6 before ethernet", {Link({Eth(6, 0x10)}), ip6of3}, 2, {3, 3}},
+        {"ethernet priority valid", {Link({Eth(6, 0x10)})}, 2, {6, 6}},
+        {"ethernet priority not valid", {Link({Eth(6, 0x20)})}, 2, {}},
+        {"tag mode 2", {Link({VlanPrio(2, 4, 1)}), ip5}, 2, {1, 4}},
+        {"tag mode 2, room for one", {Link({VlanPrio(2, 4, 1)}), ip5}, 1, {4, 0xEE}},
+        // Any capacity but 1 gets two bytes while the tag is there.
+        {"tag mode 2, capacity 0", {Link({VlanPrio(2, 4, 1)})}, 0, {1, 4}},
+        {"tag mode 1 with ipv4", {Link({VlanPrio(1, 4, 1)}), ip5}, 2, {5, 4}},
+        {"tag mode 1 with ethernet", {Link({Eth(6, 0x10), VlanPrio(1, 4, 1)})}, 2, {6, 4}},
+        {"tag mode 1 alone", {Link({VlanPrio(1, 4, 1)})}, 2, {4, 4}},
+        {"tag mode 1, ethernet not valid", {Link({Eth(6, 0), VlanPrio(1, 4, 1)})}, 2, {4, 4}},
+    };
+    for (const Case &c : cases) {
+        MBUF_S *m = Build(c.records);
+        std::uint8_t out[2] = {0xEE, 0xEE};
+        EXPECT_EQ(MBUF_GetVlanPriority(m, out, c.capacity), c.out.empty() ? -1 : 0) << c.name;
+        EXPECT_EQ(Bytes(out, out + 2), (c.out.empty() ? Bytes{0xEE, 0xEE} : c.out)) << c.name;
+    }
+    std::uint8_t out[2] = {};
+    EXPECT_EQ(MBUF_GetVlanPriority(nullptr, out, 2), -1);
+    EXPECT_EQ(MBUF_GetVlanPriority(Build({ip5}), nullptr, 2), -1);
+    EXPECT_EQ(MBUF_GetVlanPriority(&m_stPlain, out, 2), -1);
+}
 
-    for (MBUF_S *pstMissing : {static_cast<MBUF_S *>(nullptr), &m_stPlain, &m_stNoBlock}) {
-        EXPECT_EQ(MBUF_GetPktPriority(pstMissing), 0xFFFFu);
-        MBUF_SetPktPriority(pstMissing, 1);  // must not crash or write
-        EXPECT_EQ(MBUF_SetProductProtoType(pstMissing, 1), -1);
-        ulValue = 99;
-        EXPECT_EQ(MBUF_GetProductProtoType(pstMissing, &ulValue), -1);
-        EXPECT_EQ(ulValue, 0u);
+// The IPv6 half returns the record or sub-TLV the priority came from; the
+// IPv4 record is not its business.
+TEST_F(DerivedTest, Ipv6HalfReportsWhereThePriorityCameFrom) {
+    MBUF_S *ip6 = Build({Link({Eth(6, 0x10)}), Ip6(0xE0, 0)});
+    MBUF_S *eth = Build({Link({SubTlv(3, Zeros(8)), Eth(6, 0x10)})});
+    MBUF_S *ip = Build({Link({Eth(6, 0)}), Ip(0xA0, 0)});
+    struct Case {
+        MBUF_S *m;
+        const void *from;
+        std::uint8_t priority;
+    };
+    const Case cases[] = {
+        {ip6, MBUF_GetControlInfo(ip6, MBUF_CTL_IP6), 7},
+        {eth, MBUF_BAS_GetMbufLinkStackByType(eth, 0), 6},
+        {ip, nullptr, 0xEE},
+        {nullptr, nullptr, 0xEE},
+    };
+    for (const Case &c : cases) {
+        std::uint8_t priority = 0xEE;
+        std::uint8_t found = 0xEE;
+        EXPECT_EQ(MBUF_GetVlanPriority_ProcIpv6(c.m, &priority, &found), c.from);
+        EXPECT_EQ(priority, c.priority);
+        EXPECT_EQ(found, c.from != nullptr ? 1 : 0);
+        EXPECT_EQ(MBUF_GetVlanPriority_ProcIpv6(c.m, nullptr, &found), nullptr);
+        EXPECT_EQ(MBUF_GetVlanPriority_ProcIpv6(c.m, &priority, nullptr), nullptr);
+    }
+}
+
+TEST_F(DerivedTest, PruneVlansComeFromVsiThenBridgeDomain) {
+    struct Case {
+        const char *name;
+        std::vector<Bytes> link;
+        std::uint32_t capacity;
+        std::int32_t result;
+        std::uint32_t count;
+        std::vector<std::uint16_t> out;
+    };
+    constexpr std::uint16_t kNone = 0xEEEE;
+    const Case cases[] = {
+        {"vsi", {Prune(9, 10, 20)}, 2, 0, 2, {10, 20}},
+        {"bridge domain", {Prune(11, 30, 40)}, 2, 0, 2, {30, 40}},
+        {"vsi before bridge domain", {Prune(11, 30, 40), Prune(9, 10, 20)}, 2, 0, 2, {10, 20}},
+        {"first zero", {Prune(9, 0, 20)}, 2, 0, 0, {kNone, kNone}},
+        {"second zero", {Prune(9, 10, 0)}, 2, 0, 1, {10, kNone}},
+        // The count says two even when only one fits.
+        {"room for one", {Prune(9, 10, 20)}, 1, 0, 2, {10, kNone}},
+        {"no room", {Prune(9, 10, 20)}, 0, 0, 2, {kNone, kNone}},
+        {"short vsi skipped", {SubTlv(9, Zeros(8)), Prune(11, 30, 40)}, 2, 0, 2, {30, 40}},
+        {"neither", {SubTlv(4, Zeros(8))}, 2, -1, 77, {kNone, kNone}},
+    };
+    for (const Case &c : cases) {
+        MBUF_S *m = Build({Link(c.link)});
+        std::uint16_t out[2] = {kNone, kNone};
+        std::uint32_t count = 77;
+        EXPECT_EQ(MBUF_GetPruneVlanByVsi(m, out, c.capacity, &count), c.result) << c.name;
+        EXPECT_EQ(count, c.count) << c.name;
+        EXPECT_EQ(std::vector<std::uint16_t>(out, out + 2), c.out) << c.name;
+    }
+    std::uint16_t out[2] = {};
+    std::uint32_t count = 0;
+    EXPECT_EQ(MBUF_GetPruneVlanByVsi(Build({}), out, 2, &count), -1);
+    MBUF_S *m = Build({Link({Prune(9, 10, 20)})});
+    EXPECT_EQ(MBUF_GetPruneVlanByVsi(nullptr, out, 2, &count), -1);
+    EXPECT_EQ(MBUF_GetPruneVlanByVsi(m, nullptr, 2, &count), -1);
+    EXPECT_EQ(MBUF_GetPruneVlanByVsi(m, out, 2, nullptr), -1);
+}
+
+// The key setter creates the MPLS record it fills: a new record reads
+// all-ones in words 0-10 but word 5; a record already there keeps its words.
+TEST_F(DerivedTest, TunnelKeyCreatesTheMplsRecordOnceAndReplacesOnlyTheKey) {
+    const Bytes keyA = {1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11, 12};
+    const Bytes keyB = {0xF0, 0xE1, 0xD2, 0xC3, 0xB4, 0xA5, 0x96, 0x87, 0x78, 0x69, 0x5A, 0x4B};
+    Bytes key(12);
+    MBUF_S *m = NewPacket();
+    EXPECT_EQ(MBUF_GetTunnelKey(m, key.data()), -1);
+    ASSERT_EQ(MBUF_SetTunnelKey_fl(m, kModule, keyA.data(), "caller", 7), 0);
+    ExpectValid(m);
+    std::uint8_t *rec = Rec(m, MBUF_CTL_MPLS);
+    ASSERT_EQ(MBUF_GetControlLen(m, MBUF_CTL_MPLS), 112u);
+    EXPECT_EQ(Bytes(rec, rec + 112), Cat({Bytes(20, 0xFF), Bytes(4, 0), Bytes(20, 0xFF),
+                                          Bytes(52, 0), keyA, Bytes(4, 0)}));
+    EXPECT_EQ(MBUF_GetTunnelKey(m, key.data()), 0);
+    EXPECT_EQ(key, keyA);
+    krm::Store32At(rec, 8, 0x12345678u);
+    ASSERT_EQ(MBUF_SetTunnelKey(m, kModule, keyB.data()), 0);
+    EXPECT_EQ(Rec(m, MBUF_CTL_MPLS), rec);
+    EXPECT_EQ(Bytes(rec, rec + 112),
+              Cat({Bytes(8, 0xFF), U32(0x12345678u), Bytes(8, 0xFF), Bytes(4, 0), Bytes(20, 0xFF),
+                   Bytes(52, 0), keyB, Bytes(4, 0)}));
+    EXPECT_EQ(MBUF_GetTunnelKey(m, key.data()), 0);
+    EXPECT_EQ(key, keyB);
+
+    MBUF_S *own = NewPacket();
+    const std::uint8_t *ownRec = AddRecord(own, MBUF_CTL_MPLS, 108);
+    ASSERT_EQ(MBUF_SetTunnelKey(own, kModule, keyA.data()), 0);
+    EXPECT_EQ(Bytes(ownRec, ownRec + 108), Cat({Bytes(96, 0), keyA}));
+    // A record made by hand too short for the key is left as it is.
+    MBUF_S *shortRec = NewPacket();
+    ASSERT_NE(AddRecord(shortRec, MBUF_CTL_MPLS, 16), nullptr);
+    EXPECT_EQ(MBUF_SetTunnelKey(shortRec, kModule, keyA.data()), -1);
+    EXPECT_EQ(MBUF_GetTunnelKey(shortRec, key.data()), -1);
+    MBUF_S *none = NewPacket();
+    EXPECT_EQ(MBUF_SetTunnelKey(none, kModule, nullptr), -1);
+    EXPECT_EQ(Rec(none, MBUF_CTL_MPLS), nullptr);
+    EXPECT_EQ(MBUF_GetTunnelKey(m, nullptr), -1);
+    for (MBUF_S *p : {static_cast<MBUF_S *>(nullptr), &m_stPlain}) {
+        EXPECT_EQ(MBUF_SetTunnelKey(p, kModule, keyA.data()), -1);
+        EXPECT_EQ(MBUF_GetTunnelKey(p, key.data()), -1);
     }
 }
 

@@ -1,143 +1,112 @@
+// The control-information block: typed records, the TLV records and their
+// searches, the tags underneath (placement, growth, release, copies), the
+// allocation site every wrapper stamps, and every allocating operation of
+// the family failed at each of its allocations.
 #include <cstring>
 
-#include "ctlinfo_test_util.h"
+#include "fault_sweep.h"
+#include "internal/bytes.h"
+#include "meta_support.h"
 
-namespace krm::test {
+namespace krm::metatest {
 namespace {
 
-class CtlInfoTest : public CtlPacketTest {};
+using krm::Load32At;
+using krm::Store16At;
+
+bool Inline(const MBUF_S *m) {
+    return m->pstCtlInfo == &m->stCtlInfo.stBlk;
+}
+
+std::uint8_t *Tag(MBUF_S *m, std::uint32_t type, std::uint32_t len) {
+    return static_cast<std::uint8_t *>(MBUF_CreatePktTag(m, type, len, 0, kModule, "tag", 5));
+}
+
+class CtlInfoTest : public MetaTest {};
 
 TEST_F(CtlInfoTest, InitResetsTheFixedPartOnly) {
     std::uint8_t raw[MBUF_CTLINFO_INLINE_LEN];
     std::memset(raw, 0xC3, sizeof(raw));
     auto *blk = reinterpret_cast<MBUF_CONTROL_BLK_S *>(raw);
     EXPECT_EQ(MBUF_InitControlInfo(blk), 0u);
-    MBUF_CTL_COMM_S expected{};
-    expected.ulPathId = 0xFFFFFFFFu;
-    expected.ulSocketId = 0xFFFFFFFFu;
-    EXPECT_EQ(std::memcmp(&blk->stComm, &expected, sizeof(expected)), 0);
-    EXPECT_EQ(blk->ucBlkMark, MBUF_CTL_BLK_MARK);
-    EXPECT_EQ(blk->ucByteOrder, MBUF_BYTEORDER_HOST);
-    EXPECT_EQ(blk->ucSlotNum, MBUF_CTL_TYPE_NUM);
-    EXPECT_EQ(blk->ucRecNum, 0);
-    EXPECT_EQ(blk->usUsedLen, 0);
-    EXPECT_EQ(blk->usCapacity, MBUF_CTL_INIT_CAPACITY);
-    for (const MBUF_CTL_SLOT_S &slot : blk->astSlot) {
-        EXPECT_EQ(slot.usOffset | slot.usLen, 0);
-    }
-    for (std::uint32_t i = MBUF_CTL_FIXED_LEN; i < sizeof(raw); ++i) {
-        ASSERT_EQ(raw[i], 0xC3) << "record area byte " << i;
-    }
+    // Path and socket read "none"; the head word holds mark, byte order,
+    // slot count and record count from the high byte down.
+    const Bytes fixed = Cat({Bytes(24, 0), U32(0xFFFFFFFFu), U32(0xFFFFFFFFu), Bytes(52, 0),
+                             U32(0x40001700u | (MBUF_BYTEORDER_HOST << 16)), U16(0), U16(264),
+                             Bytes(92, 0), Bytes(sizeof(raw) - MBUF_CTL_FIXED_LEN, 0xC3)});
+    EXPECT_EQ(Bytes(raw, raw + sizeof(raw)), fixed);
     EXPECT_NE(MBUF_InitControlInfo(nullptr), 0u);
 }
 
-// The head word carries mark, byte order, slot count and record count from
-// the high byte down, on either byte order.
-TEST_F(CtlInfoTest, HeadWordReadsTheSameOnEveryBuild) {
-    ASSERT_EQ(MBUF_CreateControlInfo(m_, MBUF_CTL_IP, 20, kCtlModule), 0u);
-    std::uint32_t word;
-    std::memcpy(&word, reinterpret_cast<std::uint8_t *>(m_->pstCtlInfo) + 84, 4);
-    EXPECT_EQ(word, 0x40001701u | (MBUF_BYTEORDER_HOST << 16));
-}
-
-TEST_F(CtlInfoTest, FreshPacketHasOnlyTheCommonRecord) {
-    EXPECT_EQ(MBUF_GetControlInfo(m_, MBUF_CTL_COMM), m_->pstCtlInfo);
-    for (std::uint32_t type = 1; type < MBUF_CTL_TYPE_NUM; ++type) {
-        EXPECT_EQ(MBUF_GetControlInfo(m_, type), nullptr) << type;
-        EXPECT_EQ(MBUF_GetControlLen(m_, type), 0u) << type;
+TEST_F(CtlInfoTest, CreatePlacesZeroFilledRecordsRoundedToEight) {
+    MBUF_S *m = NewPacket();
+    auto *base = reinterpret_cast<std::uint8_t *>(m->pstCtlInfo);
+    EXPECT_EQ(MBUF_GetControlInfo(m, MBUF_CTL_COMM), base);
+    for (std::uint32_t type = 1; type <= MBUF_CTL_TYPE_NUM; ++type) {
+        EXPECT_EQ(MBUF_GetControlInfo(m, type), nullptr) << type;
     }
-    EXPECT_EQ(MBUF_GetControlInfo(m_, 23), nullptr);
-    EXPECT_EQ(MBUF_GetControlInfo(nullptr, 0), nullptr);
-    const auto *comm = static_cast<const MBUF_CTL_COMM_S *>(MBUF_GetControlInfo(m_, 0));
-    EXPECT_EQ(comm->ulPathId, 0xFFFFFFFFu);
-    EXPECT_EQ(comm->ulSocketId, 0xFFFFFFFFu);
+    // A new record must not inherit what the area held before.
+    std::memset(base + MBUF_CTL_FIXED_LEN, 0xA5, MBUF_CTL_INIT_CAPACITY);
+    ASSERT_EQ(MBUF_CreateControlInfo(m, MBUF_CTL_PREVHOP, 1, kModule), MBUF_OK);
+    ASSERT_EQ(MBUF_CreateControlInfo(m, MBUF_CTL_IP, 20, kModule), MBUF_OK);
+    ExpectValid(m);
+    EXPECT_EQ(Rec(m, MBUF_CTL_PREVHOP), base + MBUF_CTL_FIXED_LEN);
+    EXPECT_EQ(Rec(m, MBUF_CTL_IP), base + MBUF_CTL_FIXED_LEN + 8);
+    EXPECT_EQ(MBUF_GetControlLen(m, MBUF_CTL_IP), 24u);
+    EXPECT_EQ(m->pstCtlInfo->usUsedLen, 32u);
+    EXPECT_EQ(Load32At(base, 84), 0x40001702u | (MBUF_BYTEORDER_HOST << 16));
+    EXPECT_EQ(Bytes(base + MBUF_CTL_FIXED_LEN, base + MBUF_CTL_FIXED_LEN + 33),
+              Cat({Bytes(32, 0), {0xA5}}));
+
+    Rec(m, MBUF_CTL_IP)[0] = 0x42;
+    EXPECT_EQ(MBUF_CreateControlInfo(m, MBUF_CTL_IP, 8, kModule), MBUF_ERR_CTL_EXISTS);
+    EXPECT_EQ(MBUF_CreateControlInfo(m, 23, 8, kModule), MBUF_ERR_CTL_NO_ROOM);
+    EXPECT_EQ(MBUF_CreateControlInfo(m, MBUF_CTL_COMM, 8, kModule), MBUF_OK);
+    EXPECT_EQ(MBUF_CreateControlInfo(nullptr, 2, 8, kModule), MBUF_ERR_INVALID_MBUF);
+    EXPECT_EQ(MBUF_CreateControlInfo(&m_stPlain, 2, 8, kModule), MBUF_ERR_INVALID_MBUF);
+    EXPECT_EQ(Rec(m, MBUF_CTL_IP)[0], 0x42) << "an existing record is never replaced";
+    EXPECT_EQ(m->pstCtlInfo->ucRecNum, 2u);
+    ExpectValid(m);
 }
 
-TEST_F(CtlInfoTest, CreateRoundsToEightAndZeroFills) {
-    // Dirty the record area first: a new record must not inherit bytes.
-    std::memset(m_->stCtlInfo.aucRaw + MBUF_CTL_FIXED_LEN, 0xA5,
-                MBUF_CTLINFO_INLINE_LEN - MBUF_CTL_FIXED_LEN);
-    ASSERT_EQ(MBUF_CreateControlInfo_fl(m_, MBUF_CTL_PREVHOP, 1, kCtlModule, kCtlFile, 1), 0u);
-    ExpectValid(m_);
-    EXPECT_EQ(Slot(m_, MBUF_CTL_PREVHOP).usOffset, MBUF_CTL_FIXED_LEN);
-    EXPECT_EQ(MBUF_GetControlLen(m_, MBUF_CTL_PREVHOP), 8u);
-    EXPECT_EQ(MBUF_GetCtlLen(m_, MBUF_CTL_PREVHOP), 4u);
-    EXPECT_EQ(m_->pstCtlInfo->usUsedLen, 8u);
-    EXPECT_EQ(m_->pstCtlInfo->ucRecNum, 1u);
-    const std::uint8_t *rec = Rec(m_, MBUF_CTL_PREVHOP);
-    EXPECT_EQ(rec, reinterpret_cast<std::uint8_t *>(m_->pstCtlInfo) + MBUF_CTL_FIXED_LEN);
-    for (int i = 0; i < 8; ++i) EXPECT_EQ(rec[i], 0) << i;
-    EXPECT_EQ(rec[8], 0xA5) << "nothing beyond the rounded length is touched";
-}
-
-TEST_F(CtlInfoTest, CreateResultCodes) {
-    ASSERT_EQ(MBUF_CreateControlInfo(m_, MBUF_CTL_IP, 20, kCtlModule), 0u);
-    std::uint8_t *ip = Rec(m_, MBUF_CTL_IP);
-    ip[0] = 0x42;
-    struct Case {
-        MBUF_S *m;
-        std::uint32_t type;
-        std::uint32_t expected;
-    };
-    MBUF_S plain;
-    const MBUF_STRUCT_INIT_S init{0, MBUF_TYPE_DATA};
-    MBUF_StructInit(&plain, sizeof(plain), &init);
-    const Case cases[] = {
-        {m_, MBUF_CTL_IP, MBUF_ERR_CTL_EXISTS}, {m_, 23, MBUF_ERR_CTL_NO_ROOM},
-        {m_, MBUF_CTL_COMM, MBUF_OK},           {nullptr, 2, MBUF_ERR_INVALID_MBUF},
-        {&plain, 2, MBUF_ERR_INVALID_MBUF},
-    };
-    for (const Case &c : cases) {
-        EXPECT_EQ(MBUF_CreateControlInfo(c.m, c.type, 8, kCtlModule), c.expected) << c.type;
-    }
-    EXPECT_EQ(Rec(m_, MBUF_CTL_IP), ip);
-    EXPECT_EQ(ip[0], 0x42) << "an existing record is never replaced";
-    EXPECT_EQ(m_->pstCtlInfo->ucRecNum, 1u);
-    ExpectValid(m_);
-}
-
-TEST_F(CtlInfoTest, DeletedRecordIsRecreatedBehindTheOldBytes) {
-    ASSERT_EQ(MBUF_CreateControlInfo(m_, MBUF_CTL_IPSEC, 8, kCtlModule), 0u);
-    ASSERT_EQ(MBUF_CreateControlInfo(m_, MBUF_CTL_VSIMAC, 16, kCtlModule), 0u);
-    const std::uint16_t first = Slot(m_, MBUF_CTL_IPSEC).usOffset;
-    MBUF_DeleteControlInfo(m_, MBUF_CTL_IPSEC);
-    ExpectValid(m_);
-    EXPECT_EQ(MBUF_GetControlInfo(m_, MBUF_CTL_IPSEC), nullptr);
-    EXPECT_EQ(m_->pstCtlInfo->ucRecNum, 1u);
-    EXPECT_EQ(m_->pstCtlInfo->usUsedLen, 24u) << "deletion reclaims nothing";
-    ASSERT_EQ(MBUF_CreateControlInfo(m_, MBUF_CTL_IPSEC, 8, kCtlModule), 0u);
-    EXPECT_EQ(Slot(m_, MBUF_CTL_IPSEC).usOffset, first + 24);
-    EXPECT_EQ(m_->pstCtlInfo->usUsedLen, 32u);
-    ExpectValid(m_);
+TEST_F(CtlInfoTest, DeletionFreesTheSlotNotTheBytesAndResetsTheCommonRecord) {
+    MBUF_S *m = NewPacket();
+    ASSERT_NE(AddRecord(m, MBUF_CTL_IPSEC, 8), nullptr);
+    ASSERT_NE(AddRecord(m, MBUF_CTL_VSIMAC, 16), nullptr);
+    const std::uint16_t first = m->pstCtlInfo->astSlot[MBUF_CTL_IPSEC].usOffset;
+    MBUF_DeleteControlInfo(m, MBUF_CTL_IPSEC);
     // Deleting what is absent or out of range changes nothing.
-    MBUF_DeleteControlInfo(m_, MBUF_CTL_MPLS);
-    MBUF_DeleteControlInfo(m_, 23);
-    EXPECT_EQ(m_->pstCtlInfo->ucRecNum, 2u);
-    ExpectValid(m_);
-}
+    MBUF_DeleteControlInfo(m, MBUF_CTL_IPSEC);
+    MBUF_DeleteControlInfo(m, 23);
+    ExpectValid(m);
+    EXPECT_EQ(Rec(m, MBUF_CTL_IPSEC), nullptr);
+    EXPECT_EQ(m->pstCtlInfo->ucRecNum, 1u);
+    EXPECT_EQ(m->pstCtlInfo->usUsedLen, 24u) << "deletion reclaims nothing";
+    ASSERT_NE(AddRecord(m, MBUF_CTL_IPSEC, 8), nullptr);
+    EXPECT_EQ(m->pstCtlInfo->astSlot[MBUF_CTL_IPSEC].usOffset, first + 24);
+    ExpectValid(m);
 
-TEST_F(CtlInfoTest, DeletingTheCommonRecordResetsItAndFlag2Only) {
-    ASSERT_EQ(MBUF_CreateControlInfo(m_, MBUF_CTL_FERX, 52, kCtlModule), 0u);
-    auto *comm = static_cast<MBUF_CTL_COMM_S *>(MBUF_GetControlInfo(m_, 0));
+    auto *comm = static_cast<MBUF_CTL_COMM_S *>(MBUF_GetControlInfo(m, MBUF_CTL_COMM));
     comm->ulVrfId = 9;
     comm->ulPathId = 3;
     comm->usPktPriority = 6;
-    m_->ulFlag2 = 0x55;
-    m_->ulFlag3 = 0x66;
-    MBUF_DeleteControlInfo(m_, MBUF_CTL_COMM);
+    m->ulFlag2 = 0x55;
+    m->ulFlag3 = 0x66;
+    MBUF_DeleteControlInfo(m, MBUF_CTL_COMM);
     EXPECT_EQ(comm->ulVrfId, 0u);
     EXPECT_EQ(comm->usPktPriority, 0u);
     EXPECT_EQ(comm->ulPathId, 0xFFFFFFFFu);
-    EXPECT_EQ(m_->ulFlag2, 0u);
-    EXPECT_EQ(m_->ulFlag3, 0x66u);
-    EXPECT_NE(MBUF_GetControlInfo(m_, MBUF_CTL_FERX), nullptr);
-    ExpectValid(m_);
+    EXPECT_EQ(m->ulFlag2, 0u);
+    EXPECT_EQ(m->ulFlag3, 0x66u);
+    EXPECT_NE(Rec(m, MBUF_CTL_VSIMAC), nullptr);
+    ExpectValid(m);
 }
 
 TEST_F(CtlInfoTest, MeasuringByTypeTableSlotOrTlvList) {
-    ASSERT_EQ(MBUF_CreateControlInfo(m_, MBUF_CTL_APP, 10, kCtlModule), 0u);
-    WriteTlvRecord(m_, MBUF_CTL_PACKET, SubTlv(7, {1, 2, 3, 4, 5, 6}), 10);
-    WriteTlvRecord(m_, MBUF_CTL_PKTSEND, SubTlv(7, {1, 2, 3}), 7);
+    MBUF_S *m = NewPacket();
+    ASSERT_NE(AddRecord(m, MBUF_CTL_APP, 10), nullptr);
+    AddRecordBytes(m, MBUF_CTL_PACKET, TlvRecord(SubTlv(7, {1, 2, 3, 4, 5, 6})));
+    AddRecordBytes(m, MBUF_CTL_PKTSEND, TlvRecord(SubTlv(7, {1, 2, 3})));
     struct Case {
         std::uint32_t type;
         std::uint32_t ctlLen;
@@ -146,6 +115,7 @@ TEST_F(CtlInfoTest, MeasuringByTypeTableSlotOrTlvList) {
     const Case cases[] = {
         {MBUF_CTL_COMM, 84, 0},      // fixed, although slot 0 is never used
         {MBUF_CTL_MPLS, 108, 0},     // fixed length even while absent
+        {MBUF_CTL_FERX, 52, 0},      //
         {MBUF_CTL_APP, 16, 16},      // variable: the slot
         {MBUF_CTL_IPOPTION, 0, 0},   // variable and absent
         {MBUF_CTL_PACKET, 14, 16},   // list + 4, not the rounded slot
@@ -154,18 +124,18 @@ TEST_F(CtlInfoTest, MeasuringByTypeTableSlotOrTlvList) {
         {23, 0, 0},
     };
     for (const Case &c : cases) {
-        EXPECT_EQ(MBUF_GetCtlLen(m_, c.type), c.ctlLen) << c.type;
-        EXPECT_EQ(MBUF_GetControlLen(m_, c.type), c.controlLen) << c.type;
+        EXPECT_EQ(MBUF_GetCtlLen(m, c.type), c.ctlLen) << c.type;
+        EXPECT_EQ(MBUF_GetControlLen(m, c.type), c.controlLen) << c.type;
     }
-    ExpectValid(m_);
 }
 
 // A received block is looked up by slot lengths and the record count alone.
 TEST_F(CtlInfoTest, BareBlockLookupTrustsLengthsAndRecordCount) {
+    MBUF_S *m = NewPacket();
     for (std::uint32_t type : {3u, 5u, 9u}) {
-        ASSERT_EQ(MBUF_CreateControlInfo(m_, type, 8, kCtlModule), 0u);
+        ASSERT_NE(AddRecord(m, type, 8), nullptr);
     }
-    MBUF_CONTROL_BLK_S *blk = m_->pstCtlInfo;
+    MBUF_CONTROL_BLK_S *blk = m->pstCtlInfo;
     auto *base = reinterpret_cast<std::uint8_t *>(blk);
     struct Case {
         std::uint8_t recNum;
@@ -194,34 +164,416 @@ TEST_F(CtlInfoTest, BareBlockLookupTrustsLengthsAndRecordCount) {
     EXPECT_EQ(Mbuf_GetControlInfoByTagMsg(nullptr, 0), nullptr);
 }
 
-TEST_F(CtlInfoTest, PacketWithoutBlockGetsOneOnFirstCreate) {
-    ASSERT_EQ(MBUF_CreateControlInfo(m_, MBUF_CTL_STACKDEBUG, 400, kCtlModule), 0u);
-    MBUF_DeletePktTag(m_, nullptr);
-    ASSERT_EQ(m_->pstCtlInfo, nullptr);
-    ExpectValid(m_);
-    KRM_HOST_ReportClear();
-    ASSERT_EQ(MBUF_CreateControlInfo_fl(m_, MBUF_CTL_COMM, 0, kCtlModule, kCtlFile, 77), 0u);
+TEST_F(CtlInfoTest, PacketWithoutBlockGetsOneAttributedToTheCaller) {
+    MBUF_S *m = NewPacket();
+    ASSERT_NE(AddRecord(m, MBUF_CTL_STACKDEBUG, 400), nullptr);
+    MBUF_DeletePktTag(m, nullptr);
+    ASSERT_EQ(MBUF_CreateControlInfo_fl(m, MBUF_CTL_COMM, 0, kModule, "caller", 77), MBUF_OK);
     EXPECT_EQ(Reports(), std::vector<Report>{AssertReportNoText("krm_mbuf_bas", 1205)});
-    ASSERT_NE(m_->pstCtlInfo, nullptr);
-    const KRM_HOST_BUF_INFO_S info = [&] {
-        KRM_HOST_BUF_INFO_S i{};
-        KRM_HOST_BufferInfo(m_->pstCtlInfo, &i);
-        return i;
-    }();
-    EXPECT_EQ(info.ulLen, MBUF_CTLINFO_INLINE_LEN);
-    EXPECT_EQ(info.ulOwner, kCtlModule);
-    EXPECT_EQ(info.ulLine, 77u);
-    EXPECT_EQ(m_->pstCtlInfo->usCapacity, MBUF_CTL_INIT_CAPACITY);
-    ExpectValid(m_);
+    ASSERT_NE(m->pstCtlInfo, nullptr);
+    EXPECT_EQ(BufInfo(m->pstCtlInfo).ulLen, MBUF_CTLINFO_INLINE_LEN);
+    EXPECT_STREQ(BufInfo(m->pstCtlInfo).pcFile, "caller");
+    EXPECT_EQ(BufInfo(m->pstCtlInfo).ulLine, 77u);
+    EXPECT_EQ(m->pstCtlInfo->usCapacity, MBUF_CTL_INIT_CAPACITY);
+    ExpectValid(m);
 }
 
-TEST_F(CtlInfoTest, WrapperGrowsTheBlockUnderItsOwnSite) {
-    ASSERT_EQ(MBUF_CreateControlInfo(m_, MBUF_CTL_STACKDEBUG, 300, kCtlModule), 0u);
-    KRM_HOST_BUF_INFO_S info{};
-    ASSERT_EQ(KRM_HOST_BufferInfo(m_->pstCtlInfo, &info), 0u);
-    EXPECT_STREQ(info.pcFile, "MBUF_CreateControlInfo");
-    EXPECT_EQ(info.ulLine, 110u);
+// ---- TLV records --------------------------------------------------------------------------
+
+// The two searches of a TLV record, the records they serve and the line
+// each report of an overlong sub-TLV carries.
+struct Search {
+    const char *name;
+    std::uint32_t recType;
+    std::uint32_t reportLine;
+};
+const Search kSearches[] = {{"link stack", MBUF_CTL_LINK, 3346},
+                            {"packet send", MBUF_CTL_PKTSEND, 3396},
+                            {"packet", MBUF_CTL_PACKET, 3396}};
+
+const void *Find(const Search &s, MBUF_S *m, std::uint16_t type) {
+    return s.recType == MBUF_CTL_LINK ? MBUF_BAS_GetMbufLinkStackByType(m, type)
+                                      : MBUF_BAS_GetMbufLev2TlvByType(m, s.recType, type);
+}
+
+TEST_F(CtlInfoTest, EverySearchStopsAtTheListAndReportsAnOverlongSubTlv) {
+    const Bytes list = Cat({SubTlv(1, {0xA, 0xB}), SubTlv(5, {}), SubTlv(7, {1, 2, 3})});
+    for (const Search &s : kSearches) {
+        SCOPED_TRACE(s.name);
+        KRM_HOST_ReportClear();
+        MBUF_S *m = NewPacket();
+        EXPECT_EQ(Find(s, m, 1), nullptr) << "record absent";
+        std::uint8_t *rec = AddRecordBytes(m, s.recType, TlvRecord(list));
+        ExpectValid(m);
+        // Sub-type and offset of what each search finds; the alias and the
+        // dispatcher find the same.
+        for (const auto &[type, offset] :
+             {std::pair<std::uint16_t, int>{1, 4}, {5, 10}, {7, 14}, {9, -1}}) {
+            const std::uint8_t *at = offset < 0 ? nullptr : rec + offset;
+            EXPECT_EQ(Find(s, m, type), at) << type;
+            EXPECT_EQ(MBUF_GetControlTlvInfo(m, s.recType, type), at) << type;
+            if (s.recType == MBUF_CTL_LINK) {
+                EXPECT_EQ(static_cast<const void *>(MBUF_GetMbufLinkStackByType(m, type)), at)
+                    << type;
+            }
+        }
+        // A list shorter than a sub-TLV head is empty, not corrupt.
+        for (std::uint16_t len = 0; len < 4; ++len) {
+            Store16At(rec, 2, len);
+            EXPECT_EQ(Find(s, m, 1), nullptr) << "list " << len;
+        }
+        EXPECT_TRUE(Reports().empty());
+        // The last sub-TLV claims one byte more than is left.
+        Store16At(rec, 2, static_cast<std::uint16_t>(list.size()));
+        Store16At(rec, 16, 4);
+        EXPECT_EQ(Find(s, m, 7), nullptr);
+        EXPECT_EQ(Reports(),
+                  std::vector<Report>{AssertReport("krm_mbuf", s.reportLine, "T 7 ML 7 TL 8")});
+    }
+}
+
+// Record 22 never grows in place: a sub-TLV of a type and length already
+// there is overwritten, any other is appended by creating the record anew
+// behind everything the block holds.
+TEST_F(CtlInfoTest, StoringASubTlvOverwritesOrAppends) {
+    MBUF_S *m = NewPacket();
+    const Bytes a = SubTlv(9, {1, 2, 3, 4, 5, 6});
+    const Bytes b = SubTlv(9, {7, 7, 7, 7, 7, 7});
+    const Bytes c = SubTlv(9, {2, 2, 2});
+    const Bytes d = SubTlv(3, {});
+    struct Step {
+        const char *name;
+        Bytes tlv;
+        bool inPlace;
+        Bytes list;  // as the record must hold it afterwards
+    };
+    const Step steps[] = {
+        {"first creates the record", a, false, a},
+        {"same type and length overwrites", b, true, b},
+        {"other length appends", c, false, Cat({b, c})},
+        {"other type appends", d, false, Cat({b, c, d})},
+    };
+    for (const Step &s : steps) {
+        SCOPED_TRACE(s.name);
+        const std::uint32_t usedBefore = m->pstCtlInfo->usUsedLen;
+        const std::uint16_t offsetBefore = m->pstCtlInfo->astSlot[MBUF_CTL_PACKET].usOffset;
+        ASSERT_EQ(MBUF_SetTlvInfo(m, kModule, AsTlv(s.tlv)), 0);
+        ExpectValid(m);
+        const auto len = static_cast<std::uint32_t>(s.list.size()) + 4;
+        const std::uint8_t *rec = Rec(m, MBUF_CTL_PACKET);
+        ASSERT_NE(rec, nullptr);
+        EXPECT_EQ(Bytes(rec, rec + len), TlvRecord(s.list));
+        EXPECT_EQ(MBUF_GetCtlLen(m, MBUF_CTL_PACKET), len);
+        EXPECT_EQ(MBUF_GetControlLen(m, MBUF_CTL_PACKET), (len + 7) & ~7u);
+        EXPECT_EQ(m->pstCtlInfo->ucRecNum, 1u);
+        const std::uint16_t offset = m->pstCtlInfo->astSlot[MBUF_CTL_PACKET].usOffset;
+        EXPECT_EQ(offset, s.inPlace ? offsetBefore : MBUF_CTL_FIXED_LEN + usedBefore);
+    }
+    // The search for a stored sub-TLV matches type and length.
+    const std::uint8_t *rec = Rec(m, MBUF_CTL_PACKET);
+    const auto find = [m](const Bytes &tlv) { return MBUF_GetTlvInfo(m, AsTlv(tlv)); };
+    EXPECT_EQ(static_cast<const void *>(find(SubTlv(9, Zeros(6)))), rec + 4);
+    EXPECT_EQ(static_cast<const void *>(find(SubTlv(9, Zeros(3)))), rec + 14);
+    EXPECT_EQ(find(SubTlv(9, Zeros(2))), nullptr);
+    EXPECT_EQ(MBUF_GetTlvInfo(m, nullptr), nullptr);
+    // Records that are not TLV lists are returned whole, sub-type ignored.
+    const std::uint8_t *mpls = AddRecord(m, MBUF_CTL_MPLS, 108);
+    EXPECT_EQ(MBUF_GetControlTlvInfo(m, MBUF_CTL_MPLS, 77), mpls);
+    EXPECT_EQ(MBUF_GetControlTlvInfo(m, MBUF_CTL_COMM, 77), m->pstCtlInfo);
+}
+
+TEST_F(CtlInfoTest, StoringRefusesWhatCannotBeStored) {
+    MBUF_S *m = NewPacket();
+    const Bytes tlv = SubTlv(1, {1});
+    EXPECT_EQ(MBUF_SetTlvInfo(nullptr, kModule, AsTlv(tlv)), -1);
+    EXPECT_EQ(MBUF_SetTlvInfo(&m_stPlain, kModule, AsTlv(tlv)), -1);
+    EXPECT_EQ(MBUF_SetTlvInfo(m, kModule, nullptr), -1);
+    // The list length is 16 bits: a sub-TLV that cannot be counted is
+    // refused before the record is touched.
+    EXPECT_EQ(MBUF_SetTlvInfo(m, kModule, AsTlv(SubTlv(2, Zeros(0xFFFF)))), -1);
+    EXPECT_EQ(Rec(m, MBUF_CTL_PACKET), nullptr);
+    ASSERT_EQ(MBUF_SetTlvInfo(m, kModule, AsTlv(tlv)), 0);
+    const Bytes before = BlockBytes(m);
+    EXPECT_EQ(MBUF_SetTlvInfo(m, kModule, AsTlv(SubTlv(2, Zeros(0xFFFF - 8)))), -1);
+    EXPECT_EQ(BlockBytes(m), before);
+    ExpectValid(m);
+}
+
+// ---- tags ---------------------------------------------------------------------------------
+
+TEST_F(CtlInfoTest, TagsFillTheNodeThenTheBlockMovesOutGrowsAndIsReleased) {
+    MBUF_S *m = NewPacket();
+    std::uint8_t *a = Tag(m, MBUF_CTL_IP, 5);
+    ASSERT_NE(a, nullptr);
+    EXPECT_EQ(Tag(m, MBUF_CTL_IP6, 3), a + 5) << "tags are not rounded";
+    EXPECT_EQ(m->pstCtlInfo->astSlot[MBUF_CTL_IP6].usLen, 3);
+    EXPECT_EQ(m->pstCtlInfo->ucRecNum, 2);
+    std::memset(Tag(m, MBUF_CTL_APP, 256), 0x3C, 256);  // 264: exactly full
+    ExpectValid(m);
+    MBUF_DeletePktTag(m, nullptr);
+    ASSERT_TRUE(Inline(m)) << "an inline block is neither moved nor released";
+
+    std::uint8_t *grown = Tag(m, MBUF_CTL_POLICYIF, 10);
+    ASSERT_FALSE(Inline(m));
+    EXPECT_EQ(BufInfo(m->pstCtlInfo).ulLen, MBUF_CTL_FIXED_LEN + 274 + 128);
+    EXPECT_EQ(m->pstCtlInfo->usCapacity, 274 + 128);
+    EXPECT_EQ(grown, reinterpret_cast<std::uint8_t *>(m->pstCtlInfo) + MBUF_CTL_FIXED_LEN + 264);
+    const std::uint8_t *app = Rec(m, MBUF_CTL_APP);
+    EXPECT_EQ(Bytes(app, app + 256), Bytes(256, 0x3C)) << "records never move";
+    ExpectValid(m);
+
+    const std::uint32_t live = KRM_HOST_LiveBufferCount();
+    ASSERT_NE(Tag(m, MBUF_CTL_STACKDEBUG, 500), nullptr);
+    EXPECT_EQ(KRM_HOST_LiveBufferCount(), live) << "a separate block is re-allocated";
+    EXPECT_EQ(BufInfo(m->pstCtlInfo).ulLen, MBUF_CTL_FIXED_LEN + 774 + 128);
+    app = Rec(m, MBUF_CTL_APP);
+    EXPECT_EQ(Bytes(app, app + 256), Bytes(256, 0x3C));
+    ExpectValid(m);
+
+    const Bytes before = BlockBytes(m);
+    EXPECT_EQ(Tag(m, 23, 8), nullptr);
+    EXPECT_EQ(Tag(nullptr, MBUF_CTL_IP, 8), nullptr);
+    EXPECT_EQ(BlockBytes(m), before);
+    EXPECT_TRUE(Reports().empty());
+    MBUF_DeletePktTag(m, nullptr);
+    EXPECT_EQ(m->pstCtlInfo, nullptr);
+    EXPECT_EQ(KRM_HOST_LiveBufferCount(), live - 1) << "a separate block is released";
+    ExpectValid(m);
+    MBUF_DeletePktTag(nullptr, nullptr);
+}
+
+TEST_F(CtlInfoTest, BlockAboveTheCapacityLimitTakesNoMoreTags) {
+    MBUF_S *m = NewPacket();
+    ASSERT_NE(Tag(m, MBUF_CTL_STACKDEBUG, 29000), nullptr);
+    EXPECT_EQ(m->pstCtlInfo->usCapacity, 29000 + 128);
+    ASSERT_NE(Tag(m, MBUF_CTL_APP, 8), nullptr) << "29128 is within the limit";
+    ASSERT_NE(Tag(m, MBUF_CTL_IP, 1000), nullptr) << "a block may grow past the limit";
+    EXPECT_EQ(m->pstCtlInfo->usCapacity, 30008 + 128);
+    const Bytes before = BlockBytes(m);
+    EXPECT_EQ(Tag(m, MBUF_CTL_IP6, 8), nullptr) << "room is left, but the block is too large";
+    EXPECT_EQ(BlockBytes(m), before);
+    ExpectValid(m);
+}
+
+TEST_F(CtlInfoTest, HeaderlessNodesAreReportedByEveryTagOperation) {
+    EXPECT_EQ(Tag(&m_stPlain, 2, 8), nullptr);
+    MBUF_DeletePktTag(&m_stPlain, nullptr);
+    EXPECT_EQ(MBUF_CopyPktTag(&m_stPlain, &m_stPlain, kModule, nullptr), 1u);
+    EXPECT_EQ(Reports(),
+              (std::vector<Report>{
+                  AssertReport("mbuf_uipc_mbuf", 1452, "mbuf has not MBUF_PKTHDR flag"),
+                  AssertReport("mbuf_uipc_mbuf", 1530, "Mbuf has not MBUF_PKTHDR flag"),
+                  AssertReport("mbuf_uipc_mbuf", 1561, "DstMbuf has not MBUF_PKTHDR flag"),
+                  AssertReport("mbuf_uipc_mbuf", 1565, "SrcMbuf has not MBUF_PKTHDR flag"),
+                  AssertReport("mbuf_uipc_mbuf", 1530, "Mbuf has not MBUF_PKTHDR flag"),
+              }));
+}
+
+// A destination block at least as large as the source's takes the copy and
+// keeps its own home and capacity; a smaller one is replaced by a block of
+// the source's capacity; a source without block takes the destination's.
+TEST_F(CtlInfoTest, CopyingTagsReusesOrReplacesTheDestinationBlock) {
+    MBUF_S *src = NewPacket();
+    MBUF_S *big = NewPacket();
+    MBUF_S *small = NewPacket();
+    AddRecord(src, MBUF_CTL_IP, 20)[3] = 0x17;
+    src->ulFlag2 = 2;
+    src->ulFlag3 = 3;
+    ASSERT_NE(AddRecord(big, MBUF_CTL_STACKDEBUG, 1000), nullptr);
+    MBUF_CONTROL_BLK_S *bigBlk = big->pstCtlInfo;
+    const std::uint16_t bigCapacity = bigBlk->usCapacity;
+    const std::uint32_t live = KRM_HOST_LiveBufferCount();
+    for (MBUF_S *dst : {big, small}) {
+        MBUF_CONTROL_BLK_S *own = dst->pstCtlInfo;
+        EXPECT_EQ(MBUF_CopyPktTag(dst, src, kModule, nullptr), 1u);
+        EXPECT_EQ(dst->pstCtlInfo, own);
+        EXPECT_EQ(Rec(dst, MBUF_CTL_STACKDEBUG), nullptr) << "the source's directory";
+        EXPECT_EQ(Rec(dst, MBUF_CTL_IP)[3], 0x17);
+        EXPECT_EQ(dst->ulFlag2, 2u);
+        EXPECT_EQ(dst->ulFlag3, 3u);
+        ExpectValid(dst);
+    }
+    EXPECT_EQ(bigBlk->usCapacity, bigCapacity);
+    EXPECT_EQ(KRM_HOST_LiveBufferCount(), live);
+
+    std::memset(AddRecord(src, MBUF_CTL_STACKDEBUG, 600), 0x2D, 600);
+    ASSERT_NE(AddRecord(small, MBUF_CTL_APP, 300), nullptr);  // separate, but smaller
+    EXPECT_EQ(MBUF_CopyPktTag(small, src, kModule, nullptr), 1u);
+    EXPECT_EQ(KRM_HOST_LiveBufferCount(), live + 2) << "the smaller block was released";
+    EXPECT_EQ(small->pstCtlInfo->usCapacity, src->pstCtlInfo->usCapacity);
+    EXPECT_EQ(BufInfo(small->pstCtlInfo).ulLen, MBUF_CTL_FIXED_LEN + src->pstCtlInfo->usCapacity);
+    EXPECT_EQ(Rec(small, MBUF_CTL_STACKDEBUG)[599], 0x2D);
+    ExpectValid(small);
+
+    MBUF_DeletePktTag(src, nullptr);
+    small->ulFlag2 = 7;
+    EXPECT_EQ(MBUF_CopyPktTag(small, src, kModule, nullptr), 1u);
+    EXPECT_EQ(small->pstCtlInfo, nullptr);
+    EXPECT_EQ(small->ulFlag2, 7u) << "flags travel only with a block";
+
+    const Bytes before = BlockBytes(big);
+    EXPECT_EQ(MBUF_CopyPktTag(big, nullptr, kModule, nullptr), 1u);
+    EXPECT_EQ(MBUF_CopyPktTag(nullptr, big, kModule, nullptr), 1u);
+    EXPECT_EQ(BlockBytes(big), before);
+    EXPECT_TRUE(Reports().empty());
+}
+
+// ---- allocation sites and failures --------------------------------------------------------
+
+using P = MBUF_S *;
+const std::uint8_t kKey[12] = {1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11, 12};
+const MBUF_STACKDEBUG_CTL_S kCtl{};
+const BEX_CPUTICK_S kTick{1, 0};
+const KRM_SYSTIME_S kTime = Time(2024, 1, 1, 1, 1, 1, 1);
+
+// A packet whose records take `used` bytes of its block (inline up to 264,
+// separate beyond); released by the sweep.
+MBUF_S *PacketUsing(std::uint32_t used) {
+    MBUF_S *m = MBUF_CreateForControlPacket_fl(0, 64, 0, kModule, "sweep", 1);
+    if (used != 0) {
+        EXPECT_EQ(MBUF_CreateControlInfo(m, MBUF_CTL_APP, used, kModule), MBUF_OK);
+    }
+    return m;
+}
+
+// One allocating operation run with its 1st, 2nd, ... allocation failing,
+// on a packet whose records take `used` bytes, made ready by `prepare`; src
+// is a second packet with a stamped record. `failed` makes the call and says
+// whether it gave its failure result. A failed call leaves the block exactly
+// as it was, except that from the second failure on the record `lostType` it
+// was rebuilding is gone. The clean run leaves the block in a buffer
+// attributed to the wrapper's own site.
+struct SweepRow {
+    const char *name;
+    std::uint32_t allocations;
+    std::uint32_t used;
+    void (*prepare)(P m);
+    bool (*failed)(P m, P src);
+    const char *site;  // NULL: the call has no site of its own
+    std::uint32_t line;
+    std::uint32_t lostType = 0;
+};
+
+TEST_F(CtlInfoTest, EveryAllocatingOperationFailsCleanlyAndAttributesItsBlock) {
+    constexpr std::uint32_t kSd = MBUF_CTL_STACKDEBUG;
+    const SweepRow rows[] = {
+        {"record moving the block out of the node", 1, 200, nullptr,
+         [](P m, P) {
+             return MBUF_CreateControlInfo(m, kSd, 100, kModule) == MBUF_ERR_CTL_NO_ROOM;
+         },
+         "MBUF_CreateControlInfo", 110},
+        {"record growing a separate block", 1, 400, nullptr,
+         [](P m, P) {
+             return MBUF_CreateControlInfo(m, kSd, 1000, kModule) == MBUF_ERR_CTL_NO_ROOM;
+         },
+         "MBUF_CreateControlInfo", 110},
+        {"block for a packet without one", 1, 400, [](P m) { MBUF_DeletePktTag(m, nullptr); },
+         [](P m, P) { return MBUF_CreateControlInfo(m, kSd, 8, kModule) == MBUF_ERR_NOMEM; },
+         "MBUF_CreateControlInfo", 110},
+        {"tags copied into a smaller block", 1, 8, nullptr,
+         [](P m, P src) { return MBUF_CopyPktTag(m, src, kModule, nullptr) == 0; }, nullptr, 0},
+        {"first sub-TLV into a full block", 1, 260, nullptr,
+         [](P m, P) { return MBUF_SetTlvInfo(m, kModule, AsTlv(SubTlv(3, {7}))) == -1; },
+         "MBUF_SetTlvInfo", 227},
+        // The temporary copy, then the record created anew in a larger block.
+        {"sub-TLV appended", 2, 232,
+         [](P m) {
+             EXPECT_EQ(MBUF_SetTlvInfo(m, kModule, AsTlv(SubTlv(1, {1, 2, 3}))), 0);
+         },
+         [](P m, P) {
+             return MBUF_SetTlvInfo(m, kModule, AsTlv(SubTlv(2, {5, 6}))) == -1;
+         },
+         "MBUF_SetTlvInfo", 227, MBUF_CTL_PACKET},
+        {"tunnel key", 1, 200, nullptr,
+         [](P m, P) { return MBUF_SetTunnelKey(m, kModule, kKey) == -1; }, "MBUF_SetTunnelKey",
+         196},
+        {"time-stamp record", 1, 240, nullptr,
+         [](P m, P) {
+             MBUF_SetTimeStampEx(m, 0, 1, kModule);
+             return Rec(m, MBUF_CTL_TIMESTAMP) == nullptr;
+         },
+         "MBUF_SetTimeStampEx", 184},
+        {"first stamp", 1, 0, nullptr,
+         [](P m, P) { return MBUF_SetStackDebugInfo(m, 1, kModule) == -1; },
+         "MBUF_SetStackDebugInfo", 214},
+        {"first stamp of the caller's time", 1, 0, nullptr,
+         [](P m, P) { return MBUF_SetStackDebugInfoSelf(m, 1, &kTime, &kTick, kModule) == -1; },
+         "MBUF_SetStackDebugInfoSelf", 221},
+        {"control fields", 1, 0, nullptr,
+         [](P m, P) { return MBUF_SetStackDebugCtl(m, &kCtl, kModule) == -1; },
+         "MBUF_SetStackDebugCtl", 233},
+        {"stamp with control fields", 1, 0, nullptr,
+         [](P m, P) { return MBUF_SetStackDebugForApp(m, 1, &kCtl, kModule) == -1; },
+         "MBUF_SetStackDebugForApp", 251},
+        // The temporary copy, then the record rebuilt in a larger block.
+        {"seventh stamp", 2, 0,
+         [](P m) {
+             for (std::uint32_t comp = 1; comp <= 6; ++comp) {
+                 EXPECT_EQ(MBUF_SetStackDebugInfo(m, comp, kModule), 0);
+             }
+         },
+         [](P m, P) { return MBUF_SetStackDebugInfo(m, 7, kModule) == -1; },
+         "MBUF_SetStackDebugInfo", 214, kSd},
+        {"stack-debug record copied", 1, 0, nullptr,
+         [](P m, P src) { return MBUF_CopyStackDebugInfo(src, m, kModule) == UINT32_MAX; },
+         "MBUF_CopyStackDebugInfo", 1680},
+    };
+    for (const SweepRow &row : rows) {
+        SCOPED_TRACE(row.name);
+        P m = nullptr;
+        P src = nullptr;
+        Bytes before;
+        MBUF_CONTROL_BLK_S *blk = nullptr;
+        std::uint32_t failure = 0;
+        const auto release = [&] {
+            ExpectValid(m);
+            MBUF_Destroy(m);
+            MBUF_Destroy(src);
+        };
+        const krm::test::SweepResult swept = krm::test::FaultSweep({
+            .setup =
+                [&] {
+                    m = PacketUsing(row.used);
+                    src = PacketUsing(500);
+                    EXPECT_EQ(MBUF_SetStackDebugInfo(src, 1, kModule), 0);
+                    if (row.prepare != nullptr) {
+                        row.prepare(m);
+                    }
+                    blk = m->pstCtlInfo;
+                    before = BlockBytes(m);
+                    KRM_HOST_ReportClear();
+                },
+            .run = [&] { return !row.failed(m, src); },
+            .onFailure =
+                [&] {
+                    SCOPED_TRACE(failure);
+                    // Only a packet that had lost its block says so, before allocating.
+                    EXPECT_EQ(Reports(), blk != nullptr ? std::vector<Report>{}
+                                                        : std::vector<Report>{AssertReportNoText(
+                                                              "krm_mbuf_bas", 1205)});
+                    if (failure++ == 0 || row.lostType == 0) {
+                        EXPECT_EQ(m->pstCtlInfo, blk) << "the block is still attached";
+                        EXPECT_EQ(BlockBytes(m), before) << "and unchanged";
+                    } else {
+                        EXPECT_EQ(Rec(m, row.lostType), nullptr);
+                    }
+                    release();
+                },
+            .onSuccess =
+                [&] {
+                    if (row.site != nullptr) {
+                        const KRM_HOST_BUF_INFO_S info = BufInfo(m->pstCtlInfo);
+                        EXPECT_STREQ(info.pcFile, row.site);
+                        EXPECT_EQ(info.ulLine, row.line);
+                        EXPECT_EQ(info.ulOwner, kModule);
+                    }
+                    release();
+                },
+        });
+        EXPECT_EQ(swept.allocations, row.allocations);
+        EXPECT_EQ(swept.failedRuns, row.allocations);
+    }
 }
 
 }  // namespace
-}  // namespace krm::test
+}  // namespace krm::metatest

@@ -1,44 +1,64 @@
-// Shared ground for the accessor and stack-debug tests: packets that the
-// fixture destroys, the three kinds of node a getter must survive (no
-// MBUF_PKTHDR, a header without block, NULL), and builders for records and
-// link-stack sub-TLVs written byte by byte at their documented offsets.
+// Shared ground of the metadata tests: packets the fixture destroys, the two
+// kinds of node a getter must survive besides NULL (no MBUF_PKTHDR, a header
+// without block), and records and sub-TLVs written byte by byte at their wire
+// offsets, independently of the structures the library uses.
 #pragma once
 
 #include <cstdint>
-#include <string>
 #include <vector>
 
 #include "host_test.h"
+#include "krm_host/host.h"
 #include "krm_mbuf/mbuf.h"
 #include "krm_mbuf/platform.h"
+#include "mbuf_check.h"
 
 namespace krm::metatest {
 
+using krm::test::AssertReport;
+using krm::test::AssertReportNoText;
+using krm::test::ExpectValid;
+using krm::test::Report;
+using krm::test::Reports;
+using Bytes = std::vector<std::uint8_t>;
+
 inline constexpr std::uint32_t kModule = 0x00650000;  // a SOCK module
 
-// One link-stack sub-TLV: its type and value bytes.
-struct LinkTlv {
-    std::uint16_t usType;
-    std::vector<std::uint8_t> value;
-};
-
-// A value of ulLen zero bytes with the given bytes patched in at offsets.
+// ulLen zero bytes with the given bytes patched in at offsets.
 struct Patch {
     std::uint32_t ulOffset;
-    std::vector<std::uint8_t> bytes;
+    Bytes bytes;
 };
-std::vector<std::uint8_t> Bytes(std::uint32_t ulLen, const std::vector<Patch> &patches);
-// Host-order encodings for patches.
-std::vector<std::uint8_t> U16(std::uint16_t v);
-std::vector<std::uint8_t> U32(std::uint32_t v);
+Bytes Zeros(std::uint32_t ulLen, const std::vector<Patch> &patches = {});
+// Host-order encodings.
+Bytes U16(std::uint16_t v);
+Bytes U32(std::uint32_t v);
+Bytes Cat(const std::vector<Bytes> &parts);
 
-// A universal time as the platform's record (week byte 0, as a stamp reads
-// back only what the clock gave).
-KRM_SYSTIME_S Time(unsigned year, unsigned month, unsigned day, unsigned hour, unsigned minute,
-                   unsigned second, unsigned millis);
-// Seconds since 1970 of a universal time, for the host's wall clock.
-std::uint32_t Epoch(unsigned year, unsigned month, unsigned day, unsigned hour, unsigned minute,
-                    unsigned second);
+// A sub-TLV: type and value length in host order, then the value.
+Bytes SubTlv(std::uint16_t usType, const Bytes &value);
+// A TLV record: a head holding the list length, then the list.
+Bytes TlvRecord(const Bytes &list);
+inline const MBUF_CTL_TLV_S *AsTlv(const Bytes &tlv) {
+    return reinterpret_cast<const MBUF_CTL_TLV_S *>(tlv.data());
+}
+
+// A universal time as the platform's record (week byte 0).
+inline KRM_SYSTIME_S Time(std::uint16_t year, std::uint8_t month, std::uint8_t day,
+                          std::uint8_t hour, std::uint8_t minute, std::uint8_t second,
+                          std::uint32_t millis) {
+    return {year, month, day, hour, minute, second, 0, millis};
+}
+Bytes TimeBytes(const KRM_SYSTIME_S &t);
+// 2024-03-05 10:20:30 universal, in seconds since 1970, for the wall clock.
+inline constexpr std::uint32_t kMarch5 = 1709634030;
+
+// The allocation record of a live buffer.
+KRM_HOST_BUF_INFO_S BufInfo(const void *pBuf);
+
+std::uint8_t *Rec(MBUF_S *pstMbuf, std::uint32_t ulType);
+// The block's fixed part and used area, or nothing without a block.
+Bytes BlockBytes(const MBUF_S *pstMbuf);
 
 class MetaTest : public krm::test::HostTest {
   protected:
@@ -47,19 +67,14 @@ class MetaTest : public krm::test::HostTest {
 
     // A fresh packet with an inline control block; destroyed after the test.
     MBUF_S *NewPacket();
-    // Creates a record (asserting success) and returns it.
+    // Creates a record of ulLen bytes (asserting success) and returns it.
     std::uint8_t *AddRecord(MBUF_S *pstMbuf, std::uint32_t ulType, std::uint32_t ulLen);
-    // Creates the record and fills it with the given bytes.
-    std::uint8_t *AddRecordBytes(MBUF_S *pstMbuf, std::uint32_t ulType,
-                                 const std::vector<std::uint8_t> &bytes);
-    // Creates the link-stack record holding these sub-TLVs in order.
-    void AddLinkTlvs(MBUF_S *pstMbuf, const std::vector<LinkTlv> &tlvs);
-
-    // The 84-byte common record as bytes.
-    static std::vector<std::uint8_t> CommBytes(MBUF_S *pstMbuf);
+    std::uint8_t *AddRecordBytes(MBUF_S *pstMbuf, std::uint32_t ulType, const Bytes &bytes);
 
     MBUF_S m_stPlain{};    // an initialised node without MBUF_PKTHDR
     MBUF_S m_stNoBlock{};  // a packet-header node whose block is gone
+    // Everything a getter must answer without a block.
+    MBUF_S *const m_apstMissing[3] = {nullptr, &m_stPlain, &m_stNoBlock};
 
   private:
     std::vector<MBUF_S *> m_packets;

@@ -1,734 +1,609 @@
-// Stamping the stack-debug record under a frozen wall clock and tick counter:
-// which entry a stamp lands in, how the record grows, what survives growth
-// and failure, and the readers and copier of the record.
+// The stack-debug record under a frozen wall clock and tick counter: which
+// entry a stamp lands in, how the record grows, what damaged or old records
+// get, the control fields, the readers and the copier; and the time-stamp
+// record beside it.
 #include <cstring>
 #include <string>
 #include <vector>
 
-#include "fault_sweep.h"
 #include "internal/bytes.h"
-#include "mbuf_check.h"
 #include "meta_support.h"
 
 namespace krm::metatest {
 namespace {
 
-using krm::test::AssertReportNoText;
-using krm::test::ExpectValid;
-using krm::test::Reports;
+using krm::Load16At;
+using krm::Load32At;
+using krm::Store16At;
+using krm::Store32At;
 
-constexpr uint32_t kCompA = 0x00650001;  // SOCK
-constexpr uint32_t kCompB = 0x00770002;  // ARP
-constexpr uint32_t kHeadLen = 28;
-constexpr uint32_t kEntryLen = 48;
+constexpr std::uint32_t kCompA = 0x00650001;  // SOCK
+constexpr std::uint32_t kCompB = 0x00770002;  // ARP
+constexpr std::uint32_t kHeadLen = 28;
+constexpr std::uint32_t kEntryLen = 48;
 
-// One entry as its documented bytes read.
-struct Entry {
-    uint32_t ulComp;
-    uint32_t ulUsec;
-    KRM_SYSTIME_S stFirst;
-    KRM_SYSTIME_S stLast;
-    uint64_t ullDelta;
-    uint64_t ullLastTick;
-};
-
-uint64_t Tick64(const uint8_t *p) {
-    return (uint64_t{krm::Load32At(p, 4)} << 32) | krm::Load32At(p, 0);
-}
-
-Entry ReadEntry(const uint8_t *pucRec, uint32_t ulIndex) {
-    const uint8_t *e = pucRec + kHeadLen + ulIndex * kEntryLen;
-    Entry out{};
-    out.ulComp = krm::Load32At(e, 0);
-    out.ulUsec = krm::Load32At(e, 4);
-    std::memcpy(&out.stFirst, e + 8, 12);
-    std::memcpy(&out.stLast, e + 20, 12);
-    out.ullDelta = Tick64(e + 32);
-    out.ullLastTick = Tick64(e + 40);
-    return out;
-}
-
-bool SameTime(const KRM_SYSTIME_S &a, const KRM_SYSTIME_S &b) {
-    return std::memcmp(&a, &b, sizeof(a)) == 0;
+constexpr std::uint32_t RecordLen(std::uint32_t entries) {
+    return kHeadLen + entries * kEntryLen;
 }
 
 KRM_SYSTIME_S Zero() {
-    KRM_SYSTIME_S t;
-    std::memset(&t, 0, sizeof(t));
-    return t;
+    return Time(0, 0, 0, 0, 0, 0, 0);
 }
+
+Bytes Tick(std::uint64_t tick) {
+    return Cat(
+        {U32(static_cast<std::uint32_t>(tick)), U32(static_cast<std::uint32_t>(tick >> 32))});
+}
+
+// What the record must hold after a series of clock stamps: one entry per
+// run of stamps by one component, extended by each further stamp of the run.
+class Model {
+  public:
+    void Stamp(std::uint32_t comp, const KRM_SYSTIME_S &now, std::uint64_t tick) {
+        if (!m_entries.empty() && m_entries.back().comp == comp) {
+            Entry &e = m_entries.back();
+            e.delta = tick > e.lastTick ? tick - e.lastTick : 0;  // one tick a microsecond
+            e.last = now;
+            e.lastTick = tick;
+        } else {
+            m_entries.push_back({comp, now, Zero(), 0, tick});
+        }
+    }
+    Bytes Record() const {
+        const auto capacity = static_cast<std::uint8_t>((m_entries.size() + 5) / 6 * 6);
+        const auto current = static_cast<std::uint8_t>(m_entries.size() - 1);
+        Bytes rec = Cat({U16(0), U16(24), {capacity, current}, U16(48), Bytes(20, 0)});
+        for (const Entry &e : m_entries) {
+            rec = Cat({rec, U32(e.comp), U32(static_cast<std::uint32_t>(e.delta)),
+                       TimeBytes(e.first), TimeBytes(e.last), Tick(e.delta), Tick(e.lastTick)});
+        }
+        rec.resize(RecordLen(capacity), 0);
+        return rec;
+    }
+
+  private:
+    struct Entry {
+        std::uint32_t comp;
+        KRM_SYSTIME_S first;
+        KRM_SYSTIME_S last;
+        std::uint64_t delta;
+        std::uint64_t lastTick;
+    };
+    std::vector<Entry> m_entries;
+};
 
 class StackDebugTest : public MetaTest {
   protected:
     void SetUp() override {
         MetaTest::SetUp();
-        m_ulSec = Epoch(2024, 3, 5, 10, 20, 30);
-        m_ulMs = 123;
-        m_ullTick = 5000000;
         KRM_HOST_SetWallClock(m_ulSec, m_ulMs);
         KRM_HOST_SetTimeZone(8 * 3600);
         KRM_HOST_SetTickHz(1000000);  // one tick a microsecond
         KRM_HOST_SetTick(m_ullTick);
     }
 
-    // Moves both clocks on by the same time.
-    void Advance(uint32_t ulMicros) {
-        m_ullTick += ulMicros;
+    // Moves both clocks by the same time; the wall clock only forwards.
+    void Advance(std::int64_t micros) {
+        m_ullTick += static_cast<std::uint64_t>(micros);
         KRM_HOST_SetTick(m_ullTick);
-        const uint64_t ullMs = uint64_t{m_ulSec} * 1000 + m_ulMs + ulMicros / 1000;
-        m_ulSec = static_cast<uint32_t>(ullMs / 1000);
-        m_ulMs = static_cast<uint32_t>(ullMs % 1000);
+        const std::int64_t ms = std::int64_t{m_ulSec} * 1000 + m_ulMs + micros / 1000;
+        m_ulSec = static_cast<std::uint32_t>(ms / 1000);
+        m_ulMs = static_cast<std::uint32_t>(ms % 1000);
         KRM_HOST_SetWallClock(m_ulSec, m_ulMs);
     }
 
-    // What the platform's clock reads now.
     static KRM_SYSTIME_S Now() {
-        KRM_SYSTIME_S t;
-        std::memset(&t, 0, sizeof(t));
+        KRM_SYSTIME_S t = Zero();
         EXPECT_EQ(KRM_SystimeGet(&t), 0u);
         return t;
     }
 
-    static int32_t Stamp(MBUF_S *pstMbuf, uint32_t ulComp) {
-        return MBUF_SetStackDebugInfo_fl(pstMbuf, ulComp, kModule, "caller", 11);
+    static std::int32_t Stamp(MBUF_S *m, std::uint32_t comp) {
+        return MBUF_SetStackDebugInfo_fl(m, comp, kModule, "caller", 11);
     }
 
-    static uint8_t *Rec(MBUF_S *pstMbuf) {
-        return static_cast<uint8_t *>(MBUF_GetControlInfo(pstMbuf, MBUF_CTL_STACKDEBUG));
+    static std::uint8_t *Sd(MBUF_S *m) { return Rec(m, MBUF_CTL_STACKDEBUG); }
+
+    // A record 21 of len bytes built by hand with the given capacity and
+    // current index.
+    std::uint8_t *HandRecord(MBUF_S *m, std::uint32_t len, std::uint8_t capacity,
+                             std::uint8_t current = 0) {
+        std::uint8_t *rec = AddRecord(m, MBUF_CTL_STACKDEBUG, len);
+        Store16At(rec, 2, 24);
+        rec[4] = capacity;
+        rec[5] = current;
+        Store16At(rec, 6, 48);
+        return rec;
     }
 
-    // A record 21 built by hand with the given capacity byte and room for
-    // ulEntries entries.
-    uint8_t *HandRecord(MBUF_S *pstMbuf, uint8_t ucCapacity, uint32_t ulEntries) {
-        uint8_t *pucRec = AddRecord(pstMbuf, MBUF_CTL_STACKDEBUG, kHeadLen + ulEntries * kEntryLen);
-        if (pucRec != nullptr) {
-            krm::Store16At(pucRec, 2, 24);
-            pucRec[4] = ucCapacity;
-            krm::Store16At(pucRec, 6, 48);
-        }
-        return pucRec;
+    // Stamps with an explicit universal time and tick.
+    static void StampAt(MBUF_S *m, std::uint32_t comp, const KRM_SYSTIME_S &time,
+                        std::uint32_t tick) {
+        const BEX_CPUTICK_S stTick{tick, 0};
+        ASSERT_EQ(MBUF_SetStackDebugInfoSelf_fl(m, comp, &time, &stTick, kModule, "t", 1), 0);
     }
 
-    uint32_t m_ulSec = 0;
-    uint32_t m_ulMs = 0;
-    uint64_t m_ullTick = 0;
+    // The text in a buffer of size bytes, checking that nothing is written
+    // beyond it and that the result is the text's length (the size when full).
+    static std::string Print(MBUF_S *m, std::uint32_t size = 4096) {
+        std::vector<char> buf(size + 1, '#');
+        const std::uint32_t len = MBUF_GetStackDebugInfo(m, buf.data(), size);
+        EXPECT_EQ(buf[size], '#') << "wrote past the buffer";
+        EXPECT_EQ(std::strlen(buf.data()), len == size ? size - 1 : len);
+        return std::string(buf.data());
+    }
+
+    // SOCK at 10:20:30.123 and again 1.5 s later, then ARP 250 us after.
+    MBUF_S *ThreeStamps() {
+        MBUF_S *m = NewPacket();
+        StampAt(m, kCompA, Time(2024, 3, 5, 10, 20, 30, 123), 1000000);
+        StampAt(m, kCompA, Time(2024, 3, 5, 10, 20, 31, 623), 2500000);
+        StampAt(m, kCompB, Time(2024, 3, 5, 10, 20, 31, 623), 2500250);
+        return m;
+    }
+
+    std::uint32_t m_ulSec = kMarch5;
+    std::uint32_t m_ulMs = 123;
+    std::uint64_t m_ullTick = (std::uint64_t{7} << 32) + 5000000;
 };
 
 // ---- stamping -----------------------------------------------------------------------------
 
-TEST_F(StackDebugTest, FirstStampCreatesASixEntryRecord) {
-    MBUF_S *pstMbuf = NewPacket();
-    ASSERT_NE(pstMbuf, nullptr);
-    const KRM_SYSTIME_S stNow = Now();
-    ASSERT_EQ(stNow.ucHour, 10);
-    ASSERT_EQ(stNow.ulMillSec, 123u);
-
-    ASSERT_EQ(Stamp(pstMbuf, kCompA), 0);
-    const uint8_t *pucRec = Rec(pstMbuf);
-    ASSERT_NE(pucRec, nullptr);
-    // 6 x 48 + 28 = 316 bytes, reserved as 320.
-    EXPECT_EQ(MBUF_GetControlLen(pstMbuf, MBUF_CTL_STACKDEBUG), 320u);
-    EXPECT_EQ(krm::Load16At(pucRec, 0), 0u);
-    EXPECT_EQ(krm::Load16At(pucRec, 2), 24u);
-    EXPECT_EQ(pucRec[4], 6u);
-    EXPECT_EQ(pucRec[5], 0u);
-    EXPECT_EQ(krm::Load16At(pucRec, 6), 48u);
-    EXPECT_EQ(std::vector<uint8_t>(pucRec + 8, pucRec + 28), std::vector<uint8_t>(20, 0));
-
-    const Entry e = ReadEntry(pucRec, 0);
-    EXPECT_EQ(e.ulComp, kCompA);
-    EXPECT_EQ(e.ulUsec, 0u);
-    EXPECT_TRUE(SameTime(e.stFirst, stNow));
-    EXPECT_TRUE(SameTime(e.stLast, Zero()));
-    EXPECT_EQ(e.ullDelta, 0u);
-    EXPECT_EQ(e.ullLastTick, m_ullTick);
-    for (uint32_t i = 1; i < 6; ++i) {
-        EXPECT_EQ(ReadEntry(pucRec, i).ulComp, 0u) << i;
+TEST_F(StackDebugTest, StampsExtendTheCurrentEntryOrTakeTheNextAndGrowTheRecord) {
+    struct Step {
+        std::uint32_t comp;
+        std::int64_t advance;  // microseconds before the stamp
+    };
+    const auto distinct = [](std::uint32_t n, std::vector<Step> then) {
+        std::vector<Step> steps;
+        for (std::uint32_t i = 0; i < n; ++i) {
+            steps.push_back({kCompA + i, 7});
+        }
+        steps.insert(steps.end(), then.begin(), then.end());
+        return steps;
+    };
+    struct Case {
+        const char *name;
+        std::vector<Step> steps;
+    };
+    const Case cases[] = {
+        {"first stamp", {{kCompA, 0}}},
+        {"same component extends, another takes the next entry and extends it",
+         {{kCompA, 0}, {kCompA, 1500000}, {kCompB, 250}, {kCompB, 40}}},
+        {"component coming back takes a new entry", {{kCompA, 0}, {kCompB, 10}, {kCompA, 10}}},
+        {"delta measured from the previous stamp", {{kCompA, 0}, {kCompA, 100}, {kCompA, 300}}},
+        {"tick going backwards gives a zero delta", {{kCompA, 0}, {kCompA, -50}}},
+        {"seventh component grows the record keeping every entry", distinct(6, {{kCompB, 7}})},
+        {"thirteenth component grows it again", distinct(13, {{kCompA + 12, 9}})},
+    };
+    for (const Case &c : cases) {
+        SCOPED_TRACE(c.name);
+        MBUF_S *m = NewPacket();
+        Model model;
+        for (const Step &s : c.steps) {
+            Advance(s.advance);
+            ASSERT_EQ(Stamp(m, s.comp), 0);
+            model.Stamp(s.comp, Now(), m_ullTick);
+            ExpectValid(m);
+        }
+        const Bytes want = model.Record();
+        const std::uint8_t *rec = Sd(m);
+        ASSERT_NE(rec, nullptr);
+        EXPECT_EQ(MBUF_GetControlLen(m, MBUF_CTL_STACKDEBUG), (want.size() + 7) & ~std::size_t{7});
+        EXPECT_EQ(Bytes(rec, rec + want.size()), want);
     }
-    ExpectValid(pstMbuf);
-}
-
-TEST_F(StackDebugTest, SameComponentExtendsItsEntryAndAnotherTakesTheNext) {
-    MBUF_S *pstMbuf = NewPacket();
-    ASSERT_NE(pstMbuf, nullptr);
-    ASSERT_EQ(Stamp(pstMbuf, kCompA), 0);
-    const KRM_SYSTIME_S stFirst = Now();
-    const uint64_t ullFirstTick = m_ullTick;
-    Advance(1500000);
-    ASSERT_EQ(Stamp(pstMbuf, kCompA), 0);
-    const KRM_SYSTIME_S stSecond = Now();
-    Advance(250);
-    ASSERT_EQ(Stamp(pstMbuf, kCompB), 0);
-    const KRM_SYSTIME_S stThird = Now();
-
-    const uint8_t *pucRec = Rec(pstMbuf);
-    ASSERT_NE(pucRec, nullptr);
-    EXPECT_EQ(pucRec[5], 1u);
-    const Entry a = ReadEntry(pucRec, 0);
-    EXPECT_EQ(a.ulComp, kCompA);
-    EXPECT_TRUE(SameTime(a.stFirst, stFirst));
-    EXPECT_TRUE(SameTime(a.stLast, stSecond));
-    EXPECT_EQ(a.ullDelta, m_ullTick - 250 - ullFirstTick);
-    EXPECT_EQ(a.ulUsec, 1500000u);
-    EXPECT_EQ(a.ullLastTick, ullFirstTick + 1500000);
-
-    const Entry b = ReadEntry(pucRec, 1);
-    EXPECT_EQ(b.ulComp, kCompB);
-    EXPECT_TRUE(SameTime(b.stFirst, stThird));
-    EXPECT_TRUE(SameTime(b.stLast, Zero()));
-    EXPECT_EQ(b.ulUsec, 0u);
-    EXPECT_EQ(b.ullLastTick, m_ullTick);
-    EXPECT_EQ(ReadEntry(pucRec, 2).ulComp, 0u);
-    ExpectValid(pstMbuf);
-}
-
-TEST_F(StackDebugTest, ComponentComingBackTakesANewEntry) {
-    MBUF_S *pstMbuf = NewPacket();
-    ASSERT_NE(pstMbuf, nullptr);
-    for (uint32_t ulComp : {kCompA, kCompB, kCompA}) {
-        ASSERT_EQ(Stamp(pstMbuf, ulComp), 0);
-        Advance(10);
-    }
-    const uint8_t *pucRec = Rec(pstMbuf);
-    EXPECT_EQ(pucRec[5], 2u);
-    EXPECT_EQ(ReadEntry(pucRec, 0).ulComp, kCompA);
-    EXPECT_EQ(ReadEntry(pucRec, 1).ulComp, kCompB);
-    EXPECT_EQ(ReadEntry(pucRec, 2).ulComp, kCompA);
-    EXPECT_TRUE(SameTime(ReadEntry(pucRec, 0).stLast, Zero()));
-}
-
-// The delta and microseconds of an entry measure from its previous stamp,
-// not from its first: a third stamp replaces what the second recorded.
-TEST_F(StackDebugTest, RepeatedStampsMeasureFromThePreviousStamp) {
-    MBUF_S *pstMbuf = NewPacket();
-    ASSERT_NE(pstMbuf, nullptr);
-    ASSERT_EQ(Stamp(pstMbuf, kCompA), 0);
-    Advance(100);
-    ASSERT_EQ(Stamp(pstMbuf, kCompA), 0);
-    Advance(300);
-    ASSERT_EQ(Stamp(pstMbuf, kCompA), 0);
-    const Entry a = ReadEntry(Rec(pstMbuf), 0);
-    EXPECT_EQ(a.ullDelta, 300u);
-    EXPECT_EQ(a.ulUsec, 300u);
-    EXPECT_EQ(a.ullLastTick, m_ullTick);
-    EXPECT_EQ(Rec(pstMbuf)[5], 0u);
-}
-
-// A tick counter that went backwards gives a zero delta, not a wrapped one.
-TEST_F(StackDebugTest, TickGoingBackwardsGivesZeroDelta) {
-    MBUF_S *pstMbuf = NewPacket();
-    ASSERT_NE(pstMbuf, nullptr);
-    ASSERT_EQ(Stamp(pstMbuf, kCompA), 0);
-    KRM_HOST_SetTick(m_ullTick - 50);
-    ASSERT_EQ(Stamp(pstMbuf, kCompA), 0);
-    const Entry a = ReadEntry(Rec(pstMbuf), 0);
-    EXPECT_EQ(a.ullDelta, 0u);
-    EXPECT_EQ(a.ulUsec, 0u);
-    EXPECT_EQ(a.ullLastTick, m_ullTick - 50);
-}
-
-TEST_F(StackDebugTest, SeventhComponentGrowsTheRecordKeepingEveryEntry) {
-    MBUF_S *pstMbuf = NewPacket();
-    ASSERT_NE(pstMbuf, nullptr);
-    for (uint32_t i = 0; i < 6; ++i) {
-        ASSERT_EQ(Stamp(pstMbuf, kCompA + i), 0);
-        Advance(7);
-    }
-    const MBUF_STACKDEBUG_CTL_S stCtl{0x5, 0x6, 0x0708, 0x090A0B0C, 2, 3, 4, 5};
-    ASSERT_EQ(MBUF_SetStackDebugCtl_fl(pstMbuf, &stCtl, kModule, "caller", 1), 0);
-    const uint8_t *pucOld = Rec(pstMbuf);
-    ASSERT_EQ(pucOld[4], 6u);
-    const std::vector<uint8_t> before(pucOld, pucOld + 316);
-
-    ASSERT_EQ(Stamp(pstMbuf, kCompB), 0);
-    const uint8_t *pucRec = Rec(pstMbuf);
-    EXPECT_EQ(MBUF_GetControlLen(pstMbuf, MBUF_CTL_STACKDEBUG), 608u);  // 12 x 48 + 28 = 604
-    EXPECT_EQ(pucRec[4], 12u);
-    EXPECT_EQ(pucRec[5], 6u);
-    // Head (but capacity and current index) and the six entries are as
-    // they were.
-    std::vector<uint8_t> after(pucRec, pucRec + 316);
-    after[4] = before[4];
-    after[5] = before[5];
-    EXPECT_EQ(after, before);
-    EXPECT_EQ(ReadEntry(pucRec, 6).ulComp, kCompB);
-    EXPECT_EQ(ReadEntry(pucRec, 6).ullLastTick, m_ullTick);
-    for (uint32_t i = 7; i < 12; ++i) {
-        EXPECT_EQ(ReadEntry(pucRec, i).ulComp, 0u) << i;
-    }
-    ExpectValid(pstMbuf);
 }
 
 // 6, 12, 18 entries; the growth to 24 happens but is then refused, and so is
 // every later stamp.
 TEST_F(StackDebugTest, NoStampBeyondNineteenEntries) {
-    MBUF_S *pstMbuf = NewPacket();
-    ASSERT_NE(pstMbuf, nullptr);
-    for (uint32_t i = 0; i < 18; ++i) {
-        ASSERT_EQ(Stamp(pstMbuf, kCompA + i), 0) << i;
+    MBUF_S *m = NewPacket();
+    for (std::uint32_t i = 0; i < 18; ++i) {
+        ASSERT_EQ(Stamp(m, kCompA + i), 0) << i;
     }
-    EXPECT_EQ(Rec(pstMbuf)[4], 18u);
-    EXPECT_EQ(Stamp(pstMbuf, kCompB), -1);
-    const uint8_t *pucRec = Rec(pstMbuf);
-    ASSERT_NE(pucRec, nullptr);
-    EXPECT_EQ(pucRec[4], 24u);
-    EXPECT_EQ(pucRec[5], 17u);
-    EXPECT_EQ(ReadEntry(pucRec, 17).ulComp, kCompA + 17);
-    EXPECT_EQ(ReadEntry(pucRec, 18).ulComp, 0u);
-    EXPECT_EQ(Stamp(pstMbuf, kCompA + 17), -1);
-    ExpectValid(pstMbuf);
+    EXPECT_EQ(Stamp(m, kCompB), -1);
+    const std::uint8_t *rec = Sd(m);
+    ASSERT_NE(rec, nullptr);
+    EXPECT_EQ(rec[4], 24u);
+    EXPECT_EQ(rec[5], 17u);
+    EXPECT_EQ(Load32At(rec, RecordLen(17)), kCompA + 17);
+    EXPECT_EQ(Load32At(rec, RecordLen(18)), 0u);
+    EXPECT_EQ(Stamp(m, kCompA + 17), -1);
+    ExpectValid(m);
 }
 
-TEST_F(StackDebugTest, CapacityOutsideTheStampingRangeIsRefused) {
-    for (uint8_t ucCapacity : {uint8_t{0}, uint8_t{20}, uint8_t{25}}) {
-        SCOPED_TRACE(ucCapacity);
-        MBUF_S *pstMbuf = NewPacket();
-        ASSERT_NE(pstMbuf, nullptr);
-        uint8_t *pucRec = HandRecord(pstMbuf, ucCapacity, ucCapacity);
-        ASSERT_NE(pucRec, nullptr);
-        const uint32_t ulLen = MBUF_GetControlLen(pstMbuf, MBUF_CTL_STACKDEBUG);
-        const std::vector<uint8_t> before(pucRec, pucRec + ulLen);
-        EXPECT_EQ(Stamp(pstMbuf, kCompA), -1);
-        EXPECT_EQ(Rec(pstMbuf), pucRec);
-        EXPECT_EQ(std::vector<uint8_t>(pucRec, pucRec + ulLen), before);
-    }
-}
-
-// A capacity byte that promises more entries than the record holds is not
-// stamped into: the entry would lie past the record's end.
-TEST_F(StackDebugTest, RecordShorterThanItsCapacityIsRefused) {
-    MBUF_S *pstMbuf = NewPacket();
-    ASSERT_NE(pstMbuf, nullptr);
-    uint8_t *pucRec = HandRecord(pstMbuf, 6, 2);
-    ASSERT_NE(pucRec, nullptr);
-    pucRec[5] = 5;
-    krm::Store32At(pucRec, kHeadLen + kEntryLen, kCompB);
-    EXPECT_EQ(Stamp(pstMbuf, kCompA), -1);
-    EXPECT_EQ(pucRec[5], 5u);
-}
-
-// A record too short even for its head is refused by every reader and
-// writer rather than read past its end.
-TEST_F(StackDebugTest, RecordShorterThanItsHeadIsLeftAlone) {
-    MBUF_S *pstMbuf = NewPacket();
-    ASSERT_NE(pstMbuf, nullptr);
-    uint8_t *pucRec = AddRecord(pstMbuf, MBUF_CTL_STACKDEBUG, 8);
-    ASSERT_NE(pucRec, nullptr);
-    pucRec[4] = 1;
-    const MBUF_STACKDEBUG_CTL_S stCtl{1, 2, 3, 4, 5, 6, 7, 8};
-    EXPECT_EQ(Stamp(pstMbuf, kCompA), -1);
-    EXPECT_EQ(MBUF_SetStackDebugCtl_fl(pstMbuf, &stCtl, kModule, "c", 1), -1);
-    uint32_t ulComp = 0;
-    KRM_SYSTIME_S stTime = Zero();
-    EXPECT_EQ(MBUF_GetStackDebugInfoFirstTime(pstMbuf, &ulComp, &stTime), 3);
-    MBUF_STACKDEBUG_ENTRY_S *pstEntries = nullptr;
-    uint8_t ucCur = 0;
-    EXPECT_EQ(MBUF_GetStackDebugAppTime(pstMbuf, &pstEntries, &ucCur), -1);
-    MBUF_S *pstDst = NewPacket();
-    EXPECT_EQ(MBUF_CopyStackDebugInfo(pstMbuf, pstDst, kModule), 0xFFFFFFFFu);
-    char acBuf[256];
-    EXPECT_EQ(MBUF_GetStackDebugInfo(pstMbuf, acBuf, sizeof(acBuf)), 0u);
-    EXPECT_EQ(std::vector<uint8_t>(pucRec, pucRec + 8),
-              (std::vector<uint8_t>{0, 0, 0, 0, 1, 0, 0, 0}));
-}
-
-TEST_F(StackDebugTest, StampRefusesWhatItCannotStamp) {
-    const KRM_SYSTIME_S stTime = Now();
-    const BEX_CPUTICK_S stTick{1, 0};
-    MBUF_S *pstMbuf = NewPacket();
-    ASSERT_NE(pstMbuf, nullptr);
-    EXPECT_EQ(Stamp(nullptr, kCompA), -1);
-    EXPECT_EQ(Stamp(&m_stPlain, kCompA), -1);
-    EXPECT_EQ(MBUF_SetStackDebugInfoSelf_fl(pstMbuf, kCompA, nullptr, &stTick, kModule, "c", 1),
-              -1);
-    EXPECT_EQ(MBUF_SetStackDebugInfoSelf_fl(pstMbuf, kCompA, &stTime, nullptr, kModule, "c", 1),
-              -1);
-    EXPECT_EQ(Rec(pstMbuf), nullptr);
-}
-
-TEST_F(StackDebugTest, SelfFormStampsTheCallersTimeAndTick) {
-    MBUF_S *pstMbuf = NewPacket();
-    ASSERT_NE(pstMbuf, nullptr);
-    const KRM_SYSTIME_S stTime = Time(1999, 12, 31, 23, 59, 59, 999);
-    const BEX_CPUTICK_S stTick{0x89ABCDEFu, 0x01234567u};
-    ASSERT_EQ(MBUF_SetStackDebugInfoSelf_fl(pstMbuf, kCompA, &stTime, &stTick, kModule, "c", 1), 0);
-    const Entry e = ReadEntry(Rec(pstMbuf), 0);
-    EXPECT_TRUE(SameTime(e.stFirst, stTime));
-    EXPECT_EQ(e.ullLastTick, 0x0123456789ABCDEFull);
-    const BEX_CPUTICK_S stLater{0x89ABCDEFu + 2000000u, 0x01234567u};
-    ASSERT_EQ(MBUF_SetStackDebugInfoSelf(pstMbuf, kCompA, &stTime, &stLater, kModule), 0);
-    EXPECT_EQ(ReadEntry(Rec(pstMbuf), 0).ulUsec, 2000000u);
-}
-
-// The first record does not fit in the inline block, so creating it
-// allocates, attributed to the caller or to the wrapper's own site.
-TEST_F(StackDebugTest, WrappersAttributeTheRecordToThemselves) {
+// Records built by hand or received damaged are never stamped into, and one
+// too short even for its head is refused by every reader and writer; nor is
+// a packet stamped without one of the stamp's parts.
+TEST_F(StackDebugTest, DamagedRecordsAndMissingPartsAreRefused) {
     struct Case {
-        const char *pcName;
-        uint32_t ulLine;
-        int32_t (*pfCall)(MBUF_S *);
+        const char *name;
+        std::uint32_t len;
+        std::uint8_t capacity;
+        std::uint8_t current;
     };
-    static const MBUF_STACKDEBUG_CTL_S stCtl{};
-    static const BEX_CPUTICK_S stTick{1, 0};
-    static const KRM_SYSTIME_S stTime = Time(2024, 1, 1, 1, 1, 1, 1);
     const Case cases[] = {
-        {"MBUF_SetStackDebugInfo", 214,
-         [](MBUF_S *m) { return MBUF_SetStackDebugInfo(m, kCompA, kModule); }},
-        {"MBUF_SetStackDebugInfoSelf", 221,
-         [](MBUF_S *m) {
-             return MBUF_SetStackDebugInfoSelf(m, kCompA, &stTime, &stTick, kModule);
-         }},
-        {"MBUF_SetStackDebugCtl", 233,
-         [](MBUF_S *m) { return MBUF_SetStackDebugCtl(m, &stCtl, kModule); }},
-        {"MBUF_SetStackDebugForApp", 251,
-         [](MBUF_S *m) { return MBUF_SetStackDebugForApp(m, kCompA, &stCtl, kModule); }},
+        {"capacity 0", kHeadLen, 0, 0},        {"capacity 20", RecordLen(20), 20, 0},
+        {"capacity 25", RecordLen(25), 25, 0}, {"shorter than its capacity", RecordLen(2), 6, 5},
+        {"shorter than its head", 8, 1, 0},
     };
     for (const Case &c : cases) {
-        SCOPED_TRACE(c.pcName);
-        MBUF_S *pstMbuf = NewPacket();
-        ASSERT_NE(pstMbuf, nullptr);
-        ASSERT_EQ(c.pfCall(pstMbuf), 0);
-        KRM_HOST_BUF_INFO_S stInfo{};
-        ASSERT_EQ(KRM_HOST_BufferInfo(pstMbuf->pstCtlInfo, &stInfo), 0u);
-        EXPECT_STREQ(stInfo.pcFile, c.pcName);
-        EXPECT_EQ(stInfo.ulLine, c.ulLine);
-        EXPECT_EQ(stInfo.ulOwner, kModule);
+        SCOPED_TRACE(c.name);
+        MBUF_S *m = NewPacket();
+        std::uint8_t *rec = HandRecord(m, c.len, c.capacity, c.current);
+        const Bytes before(rec, rec + MBUF_GetControlLen(m, MBUF_CTL_STACKDEBUG));
+        EXPECT_EQ(Stamp(m, kCompA), -1);
+        EXPECT_EQ(Sd(m), rec);
+        EXPECT_EQ(Bytes(rec, rec + before.size()), before);
     }
+    MBUF_S *m = NewPacket();
+    std::uint8_t *rec = HandRecord(m, 8, 1);
+    const Bytes before(rec, rec + 8);
+    const MBUF_STACKDEBUG_CTL_S ctl{1, 2, 3, 4, 5, 6, 7, 8};
+    EXPECT_EQ(MBUF_SetStackDebugCtl_fl(m, &ctl, kModule, "c", 1), -1);
+    std::uint32_t comp = 0;
+    KRM_SYSTIME_S time = Zero();
+    EXPECT_EQ(MBUF_GetStackDebugInfoFirstTime(m, &comp, &time), 3);
+    MBUF_STACKDEBUG_ENTRY_S *entries = nullptr;
+    std::uint8_t current = 0;
+    EXPECT_EQ(MBUF_GetStackDebugAppTime(m, &entries, &current), -1);
+    EXPECT_EQ(MBUF_CopyStackDebugInfo(m, NewPacket(), kModule), 0xFFFFFFFFu);
+    char text[256];
+    EXPECT_EQ(MBUF_GetStackDebugInfo(m, text, sizeof(text)), 0u);
+    EXPECT_EQ(Bytes(rec, rec + 8), before);
+
+    const BEX_CPUTICK_S tick{1, 0};
+    MBUF_S *none = NewPacket();
+    EXPECT_EQ(Stamp(nullptr, kCompA), -1);
+    EXPECT_EQ(Stamp(&m_stPlain, kCompA), -1);
+    EXPECT_EQ(MBUF_SetStackDebugInfoSelf_fl(none, kCompA, nullptr, &tick, kModule, "c", 1), -1);
+    EXPECT_EQ(MBUF_SetStackDebugInfoSelf_fl(none, kCompA, &time, nullptr, kModule, "c", 1), -1);
+    EXPECT_EQ(Sd(none), nullptr);
 }
 
-// ---- growth under failing allocations -------------------------------------------------------
-
-TEST_F(StackDebugTest, FailedFirstStampLeavesNoRecord) {
-    MBUF_S *pstMbuf = nullptr;
-    const auto result = krm::test::FaultSweep({
-        .setup = [&] { pstMbuf = MBUF_CreateForControlPacket_fl(0, 64, 0, kModule, "t", 1); },
-        .run = [&] { return Stamp(pstMbuf, kCompA) == 0; },
-        .onFailure =
-            [&] {
-                EXPECT_EQ(Rec(pstMbuf), nullptr);
-                ExpectValid(pstMbuf);
-                MBUF_Destroy_fl(pstMbuf, "t", 2);
-            },
-        .onSuccess = [&] { MBUF_Destroy_fl(pstMbuf, "t", 3); },
-    });
-    EXPECT_EQ(result.failedRuns, 1u);
-}
-
-// Growing takes a temporary copy first: when that fails the record is
-// untouched; when the new record cannot be made the old one is already gone.
-TEST_F(StackDebugTest, FailedGrowthKeepsOrLosesTheRecordButNeverLeaks) {
-    MBUF_S *pstMbuf = nullptr;
-    std::vector<uint8_t> before;
-    uint32_t ulFailure = 0;
-    const auto result = krm::test::FaultSweep({
-        .setup =
-            [&] {
-                pstMbuf = MBUF_CreateForControlPacket_fl(0, 64, 0, kModule, "t", 1);
-                ASSERT_NE(pstMbuf, nullptr);
-                for (uint32_t i = 0; i < 6; ++i) {
-                    ASSERT_EQ(Stamp(pstMbuf, kCompA + i), 0);
-                }
-                before.assign(Rec(pstMbuf), Rec(pstMbuf) + 316);
-            },
-        .run = [&] { return Stamp(pstMbuf, kCompB) == 0; },
-        .onFailure =
-            [&] {
-                ++ulFailure;
-                ExpectValid(pstMbuf);
-                const uint8_t *pucRec = Rec(pstMbuf);
-                if (ulFailure == 1) {
-                    ASSERT_NE(pucRec, nullptr);
-                    EXPECT_EQ(std::vector<uint8_t>(pucRec, pucRec + 316), before);
-                } else {
-                    EXPECT_EQ(pucRec, nullptr);
-                }
-                MBUF_Destroy_fl(pstMbuf, "t", 2);
-            },
-        .onSuccess =
-            [&] {
-                EXPECT_EQ(Rec(pstMbuf)[4], 12u);
-                MBUF_Destroy_fl(pstMbuf, "t", 3);
-            },
-    });
-    EXPECT_EQ(result.failedRuns, 2u);
-}
-
-// ---- rebuilding the record
-// -----------------------------------------------------------------------
+// ---- rebuilding ---------------------------------------------------------------------------
 
 TEST_F(StackDebugTest, RebuildRefusesTooFewOrFewerEntries) {
-    MBUF_S *pstMbuf = NewPacket();
-    ASSERT_NE(pstMbuf, nullptr);
-    EXPECT_EQ(MBUF_DelOldAddNewAppTime_fl(pstMbuf, nullptr, 5, kModule, "c", 1), nullptr);
-    EXPECT_EQ(Rec(pstMbuf), nullptr);
-    uint8_t *pucRec = HandRecord(pstMbuf, 12, 12);
-    ASSERT_NE(pucRec, nullptr);
-    EXPECT_EQ(MBUF_DelOldAddNewAppTime_fl(pstMbuf, pucRec, 6, kModule, "c", 1), nullptr);
-    EXPECT_EQ(Rec(pstMbuf), pucRec);
-    EXPECT_EQ(Reports(), (std::vector<krm::test::Report>{AssertReportNoText("krm_mbuf", 1496),
-                                                         AssertReportNoText("krm_mbuf", 1502)}));
-    // A record already there is not created over.
-    EXPECT_EQ(MBUF_DelOldAddNewAppTime_fl(pstMbuf, nullptr, 6, kModule, "c", 1), nullptr);
-    // The capacity is one byte.
-    EXPECT_EQ(MBUF_DelOldAddNewAppTime_fl(pstMbuf, pucRec, 256, kModule, "c", 1), nullptr);
-    EXPECT_EQ(Rec(pstMbuf), pucRec);
+    MBUF_S *m = NewPacket();
+    EXPECT_EQ(MBUF_DelOldAddNewAppTime_fl(m, nullptr, 5, kModule, "c", 1), nullptr);
+    EXPECT_EQ(Sd(m), nullptr);
+    std::uint8_t *rec = HandRecord(m, RecordLen(12), 12);
+    EXPECT_EQ(MBUF_DelOldAddNewAppTime_fl(m, rec, 6, kModule, "c", 1), nullptr);
+    EXPECT_EQ(Reports(), (std::vector<Report>{AssertReportNoText("krm_mbuf", 1496),
+                                              AssertReportNoText("krm_mbuf", 1502)}));
+    // A record already there is not created over; the capacity is one byte.
+    EXPECT_EQ(MBUF_DelOldAddNewAppTime_fl(m, nullptr, 6, kModule, "c", 1), nullptr);
+    EXPECT_EQ(MBUF_DelOldAddNewAppTime_fl(m, rec, 256, kModule, "c", 1), nullptr);
+    EXPECT_EQ(Sd(m), rec);
 }
 
 // A record of an older layout (shorter head, smaller entries) is laid out
 // anew: each part copied into its current place, the rest zero.
 TEST_F(StackDebugTest, RebuildRelaysAnOlderLayout) {
-    MBUF_S *pstMbuf = NewPacket();
-    ASSERT_NE(pstMbuf, nullptr);
-    constexpr uint32_t kOldHead = 16;
-    constexpr uint32_t kOldEntry = 32;
-    uint8_t *pucOld = AddRecord(pstMbuf, MBUF_CTL_STACKDEBUG, kOldHead + 6 * kOldEntry);
-    ASSERT_NE(pucOld, nullptr);
-    krm::Store16At(pucOld, 2, kOldHead - 4);
-    pucOld[4] = 6;
-    pucOld[5] = 2;
-    krm::Store16At(pucOld, 6, kOldEntry);
-    pucOld[8] = 0x21;
-    krm::Store32At(pucOld, 12, 0xCAFEF00Du);
-    for (uint32_t i = 0; i < 6; ++i) {
-        for (uint32_t b = 0; b < kOldEntry; ++b) {
-            pucOld[kOldHead + i * kOldEntry + b] = static_cast<uint8_t>(i * 40 + b + 1);
-        }
+    constexpr std::uint32_t kOldHead = 16;
+    constexpr std::uint32_t kOldEntry = 32;
+    MBUF_S *m = NewPacket();
+    std::uint8_t *old = AddRecord(m, MBUF_CTL_STACKDEBUG, kOldHead + 6 * kOldEntry);
+    for (std::uint32_t b = 0; b < kOldHead + 6 * kOldEntry; ++b) {
+        old[b] = static_cast<std::uint8_t>(b * 7 + 1);
     }
-    const std::vector<uint8_t> old(pucOld, pucOld + kOldHead + 6 * kOldEntry);
+    Store16At(old, 2, kOldHead - 4);
+    old[4] = 6;
+    old[5] = 2;
+    Store16At(old, 6, kOldEntry);
+    const Bytes oldBytes(old, old + kOldHead + 6 * kOldEntry);
 
-    MBUF_STACKDEBUG_ENTRY_S *pstCur =
-        MBUF_DelOldAddNewAppTime_fl(pstMbuf, pucOld, 6, kModule, "c", 1);
-    const uint8_t *pucRec = Rec(pstMbuf);
-    ASSERT_NE(pucRec, nullptr);
-    EXPECT_NE(pucRec, pucOld);
-    EXPECT_EQ(static_cast<const void *>(pstCur), pucRec + kHeadLen + 2 * kEntryLen);
-    EXPECT_EQ(krm::Load16At(pucRec, 2), 24u);
-    EXPECT_EQ(pucRec[4], 6u);
-    EXPECT_EQ(pucRec[5], 2u);
-    EXPECT_EQ(krm::Load16At(pucRec, 6), 48u);
-    EXPECT_EQ(pucRec[8], 0x21);
-    EXPECT_EQ(krm::Load32At(pucRec, 12), 0xCAFEF00Du);
-    EXPECT_EQ(std::vector<uint8_t>(pucRec + 16, pucRec + 28), std::vector<uint8_t>(12, 0));
-    for (uint32_t i = 0; i < 6; ++i) {
-        const uint8_t *e = pucRec + kHeadLen + i * kEntryLen;
-        const uint8_t *o = old.data() + kOldHead + i * kOldEntry;
-        EXPECT_EQ(std::vector<uint8_t>(e, e + kOldEntry), std::vector<uint8_t>(o, o + kOldEntry))
-            << i;
-        EXPECT_EQ(std::vector<uint8_t>(e + kOldEntry, e + kEntryLen),
-                  std::vector<uint8_t>(kEntryLen - kOldEntry, 0))
-            << i;
+    MBUF_STACKDEBUG_ENTRY_S *current = MBUF_DelOldAddNewAppTime_fl(m, old, 6, kModule, "c", 1);
+    const std::uint8_t *rec = Sd(m);
+    ASSERT_NE(rec, nullptr);
+    EXPECT_NE(rec, old);
+    EXPECT_EQ(static_cast<const void *>(current), rec + RecordLen(2));
+    Bytes want = Cat({U16(Load16At(old, 0)),
+                      U16(24),
+                      {6, 2},
+                      U16(48),
+                      Bytes(oldBytes.begin() + 8, oldBytes.begin() + kOldHead),
+                      Bytes(12, 0)});
+    for (std::uint32_t i = 0; i < 6; ++i) {
+        const auto from = oldBytes.begin() + kOldHead + i * kOldEntry;
+        want = Cat({want, Bytes(from, from + kOldEntry), Bytes(kEntryLen - kOldEntry, 0)});
     }
-    ExpectValid(pstMbuf);
+    EXPECT_EQ(Bytes(rec, rec + RecordLen(6)), want);
+    ExpectValid(m);
 }
 
 // Entries the old record claims but does not hold are not read: they come
 // out free.
 TEST_F(StackDebugTest, RebuildReadsNoFurtherThanTheOldRecord) {
-    MBUF_S *pstMbuf = NewPacket();
-    ASSERT_NE(pstMbuf, nullptr);
-    uint8_t *pucOld = HandRecord(pstMbuf, 6, 2);  // 124 bytes, slot 128
-    ASSERT_NE(pucOld, nullptr);
-    krm::Store32At(pucOld, kHeadLen, kCompA);
-    krm::Store32At(pucOld, kHeadLen + kEntryLen, kCompB);
-    ASSERT_NE(MBUF_DelOldAddNewAppTime_fl(pstMbuf, pucOld, 12, kModule, "c", 1), nullptr);
-    const uint8_t *pucRec = Rec(pstMbuf);
-    EXPECT_EQ(ReadEntry(pucRec, 0).ulComp, kCompA);
-    EXPECT_EQ(ReadEntry(pucRec, 1).ulComp, kCompB);
-    for (uint32_t i = 2; i < 12; ++i) {
-        EXPECT_EQ(ReadEntry(pucRec, i).ulComp, 0u) << i;
+    MBUF_S *m = NewPacket();
+    std::uint8_t *old = HandRecord(m, RecordLen(2), 6);  // 124 bytes, slot 128
+    Store32At(old, kHeadLen, kCompA);
+    Store32At(old, RecordLen(1), kCompB);
+    // What lies behind the record in the block must not be taken for entries.
+    std::memset(old + 128, 0x5A, MBUF_CTL_INIT_CAPACITY - 128);
+    ASSERT_NE(MBUF_DelOldAddNewAppTime_fl(m, old, 12, kModule, "c", 1), nullptr);
+    const std::uint8_t *rec = Sd(m);
+    EXPECT_EQ(Load32At(rec, kHeadLen), kCompA);
+    EXPECT_EQ(Load32At(rec, RecordLen(1)), kCompB);
+    EXPECT_EQ(Bytes(rec + RecordLen(2), rec + RecordLen(12)), Bytes(10 * kEntryLen, 0));
+}
+
+// ---- control fields -----------------------------------------------------------------------
+
+// The caller's fields go into the head (the flag OR-ed in) and survive the
+// record's growth; ForApp stamps first and keeps the stamp when the control
+// part fails.
+TEST_F(StackDebugTest, ControlFieldsAreStoredAndKept) {
+    MBUF_S *m = NewPacket();
+    const MBUF_STACKDEBUG_CTL_S first{0x01,       0xA1,       0xB2C3, 0x11111111,
+                                      0x22222222, 0x33333333, 0x4444, 0x5555};
+    ASSERT_EQ(MBUF_SetStackDebugCtl_fl(m, &first, kModule, "c", 1), 0);
+    std::uint8_t *rec = Sd(m);
+    ASSERT_NE(rec, nullptr);
+    EXPECT_EQ(rec[4], 6u) << "created with six entries";
+    const MBUF_STACKDEBUG_CTL_S second{0x10, 0x02, 0x0304, 5, 6, 7, 8, 9};
+    ASSERT_EQ(MBUF_SetStackDebugCtl_fl(m, &second, kModule, "c", 2), 0);
+    EXPECT_EQ(Sd(m), rec);
+    const Bytes head = Cat({{0x11, 0x02}, U16(0x0304), U32(5), U32(6), U32(7), U16(8), U16(9)});
+    EXPECT_EQ(Bytes(rec + 8, rec + kHeadLen), head);
+    for (std::uint32_t i = 0; i < 7; ++i) {
+        ASSERT_EQ(Stamp(m, kCompA + i), 0);
     }
+    rec = Sd(m);
+    EXPECT_EQ(rec[4], 12u);
+    EXPECT_EQ(Bytes(rec + 8, rec + kHeadLen), head);
+    ExpectValid(m);
+    EXPECT_EQ(MBUF_SetStackDebugCtl_fl(m, nullptr, kModule, "c", 3), -1);
+    EXPECT_EQ(MBUF_SetStackDebugCtl_fl(nullptr, &first, kModule, "c", 3), -1);
+    EXPECT_EQ(MBUF_SetStackDebugCtl_fl(&m_stPlain, &first, kModule, "c", 3), -1);
+
+    MBUF_S *app = NewPacket();
+    ASSERT_EQ(MBUF_SetStackDebugForApp_fl(app, kCompA, &first, kModule, "c", 1), 0);
+    EXPECT_EQ(Load32At(Sd(app), kHeadLen), kCompA);
+    EXPECT_EQ(Load32At(Sd(app), 20), 0x33333333u);
+    MBUF_S *noCtl = NewPacket();
+    EXPECT_EQ(MBUF_SetStackDebugForApp_fl(noCtl, kCompB, nullptr, kModule, "c", 2), -1);
+    ASSERT_NE(Sd(noCtl), nullptr);
+    EXPECT_EQ(Load32At(Sd(noCtl), kHeadLen), kCompB);
+    EXPECT_EQ(MBUF_SetStackDebugForApp_fl(&m_stPlain, kCompA, &first, kModule, "c", 3), -1);
 }
 
-// ---- control fields --------------------------------------------------------------------------
+// ---- readers and the copier ---------------------------------------------------------------
 
-TEST_F(StackDebugTest, ControlFieldsAreStoredAndTheFlagsOredIn) {
-    MBUF_S *pstMbuf = NewPacket();
-    ASSERT_NE(pstMbuf, nullptr);
-    const MBUF_STACKDEBUG_CTL_S stFirst{0x01,       0xA1,       0xB2C3, 0x11111111,
-                                        0x22222222, 0x33333333, 0x4444, 0x5555};
-    ASSERT_EQ(MBUF_SetStackDebugCtl_fl(pstMbuf, &stFirst, kModule, "c", 1), 0);
-    uint8_t *pucRec = Rec(pstMbuf);
-    ASSERT_NE(pucRec, nullptr);
-    EXPECT_EQ(pucRec[4], 6u);  // created with six entries
-    const MBUF_STACKDEBUG_CTL_S stSecond{0x10, 0x02, 0x0304, 5, 6, 7, 8, 9};
-    ASSERT_EQ(MBUF_SetStackDebugCtl_fl(pstMbuf, &stSecond, kModule, "c", 2), 0);
-    EXPECT_EQ(Rec(pstMbuf), pucRec);
-    EXPECT_EQ(pucRec[8], 0x11);
-    EXPECT_EQ(pucRec[9], 0x02);
-    EXPECT_EQ(krm::Load16At(pucRec, 10), 0x0304u);
-    EXPECT_EQ(krm::Load32At(pucRec, 12), 5u);
-    EXPECT_EQ(krm::Load32At(pucRec, 16), 6u);
-    EXPECT_EQ(krm::Load32At(pucRec, 20), 7u);
-    EXPECT_EQ(krm::Load16At(pucRec, 24), 8u);
-    EXPECT_EQ(krm::Load16At(pucRec, 26), 9u);
-    EXPECT_EQ(pucRec[4], 6u);
-    ExpectValid(pstMbuf);
-
-    EXPECT_EQ(MBUF_SetStackDebugCtl_fl(pstMbuf, nullptr, kModule, "c", 3), -1);
-    EXPECT_EQ(MBUF_SetStackDebugCtl_fl(nullptr, &stFirst, kModule, "c", 3), -1);
-    EXPECT_EQ(MBUF_SetStackDebugCtl_fl(&m_stPlain, &stFirst, kModule, "c", 3), -1);
-}
-
-TEST_F(StackDebugTest, ForAppStampsThenStoresTheControlFields) {
-    MBUF_S *pstMbuf = NewPacket();
-    ASSERT_NE(pstMbuf, nullptr);
-    const MBUF_STACKDEBUG_CTL_S stCtl{0x40, 1, 2, 3, 4, 5, 6, 7};
-    ASSERT_EQ(MBUF_SetStackDebugForApp_fl(pstMbuf, kCompA, &stCtl, kModule, "c", 1), 0);
-    const uint8_t *pucRec = Rec(pstMbuf);
-    EXPECT_EQ(ReadEntry(pucRec, 0).ulComp, kCompA);
-    EXPECT_EQ(pucRec[8], 0x40);
-    EXPECT_EQ(krm::Load32At(pucRec, 20), 5u);
-
-    // The stamp comes first and is kept when the control part fails.
-    MBUF_S *pstOther = NewPacket();
-    ASSERT_NE(pstOther, nullptr);
-    EXPECT_EQ(MBUF_SetStackDebugForApp_fl(pstOther, kCompB, nullptr, kModule, "c", 2), -1);
-    ASSERT_NE(Rec(pstOther), nullptr);
-    EXPECT_EQ(ReadEntry(Rec(pstOther), 0).ulComp, kCompB);
-    EXPECT_EQ(MBUF_SetStackDebugForApp_fl(&m_stPlain, kCompA, &stCtl, kModule, "c", 3), -1);
-}
-
-// ---- readers and the copier
-// -----------------------------------------------------------------------
-
-TEST_F(StackDebugTest, FirstTimeReadsTheFirstEntry) {
-    uint32_t ulComp = 0;
-    KRM_SYSTIME_S stTime = Zero();
-    MBUF_S *pstMbuf = NewPacket();
-    ASSERT_NE(pstMbuf, nullptr);
-    EXPECT_EQ(MBUF_GetStackDebugInfoFirstTime(nullptr, &ulComp, &stTime), 1);
-    EXPECT_EQ(MBUF_GetStackDebugInfoFirstTime(pstMbuf, nullptr, &stTime), 1);
-    EXPECT_EQ(MBUF_GetStackDebugInfoFirstTime(pstMbuf, &ulComp, nullptr), 1);
-    EXPECT_EQ(MBUF_GetStackDebugInfoFirstTime(pstMbuf, &ulComp, &stTime), 2);
-
-    ASSERT_EQ(Stamp(pstMbuf, kCompA), 0);
-    const KRM_SYSTIME_S stFirst = Now();
-    EXPECT_EQ(MBUF_GetStackDebugInfoFirstTime(pstMbuf, &ulComp, &stTime), 0);
-    EXPECT_EQ(ulComp, kCompA);
-    EXPECT_TRUE(SameTime(stTime, stFirst));
-
-    // Once the entry has a last stamp, that one is given.
+// FirstTime gives the first entry's latest stamp, AppTime the entries and the
+// current index, and the copier the same record to a packet without one;
+// each refuses a current index beyond the capacity.
+TEST_F(StackDebugTest, ReadersAndCopierSeeTheRecordAsStamped) {
+    std::uint32_t comp = 0;
+    KRM_SYSTIME_S time = Zero();
+    MBUF_STACKDEBUG_ENTRY_S *entries = nullptr;
+    std::uint8_t current = 99;
+    constexpr std::uint32_t kFail = 0xFFFFFFFFu;
+    MBUF_S *m = NewPacket();
+    MBUF_S *dst = NewPacket();
+    EXPECT_EQ(MBUF_GetStackDebugInfoFirstTime(m, &comp, &time), 2);
+    EXPECT_EQ(MBUF_GetStackDebugAppTime(m, &entries, &current), -1);
+    EXPECT_EQ(MBUF_CopyStackDebugInfo(m, dst, kModule), kFail);
+    ASSERT_EQ(Stamp(m, kCompA), 0);
+    EXPECT_EQ(MBUF_GetStackDebugInfoFirstTime(m, &comp, &time), 0);
+    EXPECT_EQ(comp, kCompA);
+    EXPECT_EQ(TimeBytes(time), TimeBytes(Now())) << "the first stamp while it is the only one";
     Advance(2000000);
-    ASSERT_EQ(Stamp(pstMbuf, kCompA), 0);
-    ASSERT_EQ(Stamp(pstMbuf, kCompB), 0);
-    EXPECT_EQ(MBUF_GetStackDebugInfoFirstTime(pstMbuf, &ulComp, &stTime), 0);
-    EXPECT_EQ(ulComp, kCompA);
-    EXPECT_TRUE(SameTime(stTime, Now()));
-    EXPECT_FALSE(SameTime(stTime, stFirst));
-
-    uint8_t *pucRec = Rec(pstMbuf);
-    pucRec[5] = 7;  // beyond the capacity of 6
-    EXPECT_EQ(MBUF_GetStackDebugInfoFirstTime(pstMbuf, &ulComp, &stTime), 3);
-    pucRec[5] = 6;  // equal to it still reads
-    EXPECT_EQ(MBUF_GetStackDebugInfoFirstTime(pstMbuf, &ulComp, &stTime), 0);
-    std::memset(pucRec + kHeadLen + 8, 0, 24);  // both stamps unset
-    EXPECT_EQ(MBUF_GetStackDebugInfoFirstTime(pstMbuf, &ulComp, &stTime), 4);
-}
-
-TEST_F(StackDebugTest, AppTimeGivesTheEntriesAndTheCurrentIndex) {
-    MBUF_STACKDEBUG_ENTRY_S *pstEntries = nullptr;
-    uint8_t ucCur = 99;
-    MBUF_S *pstMbuf = NewPacket();
-    ASSERT_NE(pstMbuf, nullptr);
-    EXPECT_EQ(MBUF_GetStackDebugAppTime(pstMbuf, &pstEntries, &ucCur), -1);
-    ASSERT_EQ(Stamp(pstMbuf, kCompA), 0);
-    Advance(40);
-    ASSERT_EQ(Stamp(pstMbuf, kCompA), 0);
-    ASSERT_EQ(Stamp(pstMbuf, kCompB), 0);
-    ASSERT_EQ(MBUF_GetStackDebugAppTime(pstMbuf, &pstEntries, &ucCur), 0);
-    EXPECT_EQ(static_cast<void *>(pstEntries), Rec(pstMbuf) + kHeadLen);
-    EXPECT_EQ(ucCur, 1);
-    EXPECT_EQ(pstEntries[0].ulCompId, kCompA);
-    EXPECT_EQ(pstEntries[0].ulUsec, 40u);
-    EXPECT_EQ(pstEntries[1].ulCompId, kCompB);
-    EXPECT_EQ(pstEntries[1].aulLastTick[0], static_cast<uint32_t>(m_ullTick));
-
-    Rec(pstMbuf)[5] = 7;
-    EXPECT_EQ(MBUF_GetStackDebugAppTime(pstMbuf, &pstEntries, &ucCur), -1);
-    EXPECT_EQ(MBUF_GetStackDebugAppTime(nullptr, &pstEntries, &ucCur), -1);
-    EXPECT_EQ(MBUF_GetStackDebugAppTime(pstMbuf, nullptr, &ucCur), -1);
-    EXPECT_EQ(MBUF_GetStackDebugAppTime(pstMbuf, &pstEntries, nullptr), -1);
-}
-
-TEST_F(StackDebugTest, CopyGivesTheDestinationTheSameRecord) {
-    MBUF_S *pstSrc = NewPacket();
-    MBUF_S *pstDst = NewPacket();
-    ASSERT_NE(pstSrc, nullptr);
-    ASSERT_NE(pstDst, nullptr);
-    EXPECT_EQ(MBUF_CopyStackDebugInfo(pstSrc, pstDst, kModule), 0xFFFFFFFFu);
-    for (uint32_t i = 0; i < 8; ++i) {
-        ASSERT_EQ(Stamp(pstSrc, kCompA + i), 0);
+    for (std::uint32_t c : {kCompA, kCompB, kCompA, kCompB, kCompA, kCompB, kCompA, kCompB}) {
+        ASSERT_EQ(Stamp(m, c), 0);
     }
-    ASSERT_EQ(MBUF_CopyStackDebugInfo(pstSrc, pstDst, kModule), 0u);
-    const uint8_t *pucSrc = Rec(pstSrc);
-    const uint8_t *pucDst = Rec(pstDst);
-    ASSERT_NE(pucDst, nullptr);
-    EXPECT_EQ(std::vector<uint8_t>(pucDst, pucDst + 604),
-              std::vector<uint8_t>(pucSrc, pucSrc + 604));
-    KRM_HOST_BUF_INFO_S stInfo{};
-    ASSERT_EQ(KRM_HOST_BufferInfo(pstDst->pstCtlInfo, &stInfo), 0u);
-    EXPECT_STREQ(stInfo.pcFile, "MBUF_CopyStackDebugInfo");
-    ExpectValid(pstDst);
+    EXPECT_EQ(MBUF_GetStackDebugInfoFirstTime(m, &comp, &time), 0);
+    EXPECT_EQ(comp, kCompA);
+    EXPECT_EQ(TimeBytes(time), TimeBytes(Now()));
+    ASSERT_EQ(MBUF_GetStackDebugAppTime(m, &entries, &current), 0);
+    EXPECT_EQ(static_cast<void *>(entries), Sd(m) + kHeadLen);
+    EXPECT_EQ(current, 7);
+    EXPECT_EQ(entries[7].ulCompId, kCompB);
+    ASSERT_EQ(MBUF_CopyStackDebugInfo(m, dst, kModule), 0u);
+    ASSERT_NE(Sd(dst), nullptr);
+    EXPECT_EQ(Bytes(Sd(dst), Sd(dst) + RecordLen(12)), Bytes(Sd(m), Sd(m) + RecordLen(12)));
+    ExpectValid(dst);
+    EXPECT_EQ(MBUF_CopyStackDebugInfo(m, dst, kModule), kFail) << "the destination has one";
 
-    // A destination that already has the record, a bad source, NULLs.
-    EXPECT_EQ(MBUF_CopyStackDebugInfo(pstSrc, pstDst, kModule), 0xFFFFFFFFu);
-    MBUF_S *pstThird = NewPacket();
-    Rec(pstSrc)[5] = 13;
-    EXPECT_EQ(MBUF_CopyStackDebugInfo(pstSrc, pstThird, kModule), 0xFFFFFFFFu);
-    EXPECT_EQ(Rec(pstThird), nullptr);
-    EXPECT_EQ(MBUF_CopyStackDebugInfo(nullptr, pstThird, kModule), 0xFFFFFFFFu);
-    EXPECT_EQ(MBUF_CopyStackDebugInfo(pstDst, nullptr, kModule), 0xFFFFFFFFu);
-    EXPECT_EQ(MBUF_CopyStackDebugInfo(pstDst, &m_stPlain, kModule), 0xFFFFFFFFu);
+    MBUF_S *third = NewPacket();
+    Sd(m)[5] = 13;
+    EXPECT_EQ(MBUF_GetStackDebugInfoFirstTime(m, &comp, &time), 3);
+    EXPECT_EQ(MBUF_GetStackDebugAppTime(m, &entries, &current), -1);
+    EXPECT_EQ(MBUF_CopyStackDebugInfo(m, third, kModule), kFail);
+    EXPECT_EQ(Sd(third), nullptr);
+    Sd(m)[5] = 12;  // equal to the capacity still reads
+    EXPECT_EQ(MBUF_GetStackDebugInfoFirstTime(m, &comp, &time), 0);
+    std::memset(Sd(m) + kHeadLen + 8, 0, 24);  // both stamps unset
+    EXPECT_EQ(MBUF_GetStackDebugInfoFirstTime(m, &comp, &time), 4);
+
+    EXPECT_EQ(MBUF_GetStackDebugInfoFirstTime(nullptr, &comp, &time), 1);
+    EXPECT_EQ(MBUF_GetStackDebugInfoFirstTime(m, nullptr, &time), 1);
+    EXPECT_EQ(MBUF_GetStackDebugInfoFirstTime(m, &comp, nullptr), 1);
+    EXPECT_EQ(MBUF_GetStackDebugAppTime(nullptr, &entries, &current), -1);
+    EXPECT_EQ(MBUF_GetStackDebugAppTime(m, nullptr, &current), -1);
+    EXPECT_EQ(MBUF_GetStackDebugAppTime(m, &entries, nullptr), -1);
+    EXPECT_EQ(MBUF_CopyStackDebugInfo(nullptr, third, kModule), kFail);
+    EXPECT_EQ(MBUF_CopyStackDebugInfo(dst, nullptr, kModule), kFail);
+    EXPECT_EQ(MBUF_CopyStackDebugInfo(dst, &m_stPlain, kModule), kFail);
 }
 
-// ---- the time-stamp record (record 11) ----------------------------------------------------------
+// ---- the time-stamp record ----------------------------------------------------------------
 
 TEST_F(StackDebugTest, TimeStampsCountMillisecondsWithinTheHour) {
-    MBUF_S *pstMbuf = NewPacket();
-    ASSERT_NE(pstMbuf, nullptr);
-    MBUF_SetTimeStampEx_fl(pstMbuf, 3, 0, kModule, "c", 1);
-    EXPECT_EQ(MBUF_GetControlInfo(pstMbuf, MBUF_CTL_TIMESTAMP), nullptr);
-
-    MBUF_SetTimeStampEx_fl(pstMbuf, 3, 1, kModule, "c", 1);
-    const auto *pucRec = static_cast<uint8_t *>(MBUF_GetControlInfo(pstMbuf, MBUF_CTL_TIMESTAMP));
-    ASSERT_NE(pucRec, nullptr);
-    EXPECT_EQ(MBUF_GetControlLen(pstMbuf, MBUF_CTL_TIMESTAMP), 40u);
-    // 10:20:30.123: minute 20, second 30, 123 ms.
-    EXPECT_EQ(krm::Load32At(pucRec, 12), 20u * 60000 + 30u * 1000 + 123);
-    Advance(45678000);  // to 10:21:15.801
-    MBUF_SetTimeStampEx(pstMbuf, 9, 0, kModule);
-    EXPECT_EQ(krm::Load32At(pucRec, 36), 21u * 60000 + 15u * 1000 + 801);
-    MBUF_SetTimeStampEx(pstMbuf, 10, 1, kModule);
-    for (uint32_t i = 0; i < 10; ++i) {
-        if (i != 3 && i != 9) {
-            EXPECT_EQ(krm::Load32At(pucRec, i * 4), 0u) << i;
-        }
-    }
-    ExpectValid(pstMbuf);
+    MBUF_S *m = NewPacket();
+    MBUF_SetTimeStampEx_fl(m, 3, 0, kModule, "c", 1);
+    EXPECT_EQ(Rec(m, MBUF_CTL_TIMESTAMP), nullptr) << "created only when asked";
+    MBUF_SetTimeStampEx_fl(m, 3, 1, kModule, "c", 1);
+    const std::uint8_t *rec = Rec(m, MBUF_CTL_TIMESTAMP);
+    ASSERT_NE(rec, nullptr);
+    EXPECT_EQ(MBUF_GetControlLen(m, MBUF_CTL_TIMESTAMP), 40u);
+    Advance(45678000);  // from 10:20:30.123 to 10:21:15.801
+    MBUF_SetTimeStampEx(m, 9, 0, kModule);
+    MBUF_SetTimeStampEx(m, 10, 1, kModule);
+    Bytes want(40, 0);
+    std::memcpy(want.data() + 12, U32(20 * 60000 + 30 * 1000 + 123).data(), 4);
+    std::memcpy(want.data() + 36, U32(21 * 60000 + 15 * 1000 + 801).data(), 4);
+    EXPECT_EQ(Bytes(rec, rec + 40), want);
+    ExpectValid(m);
     MBUF_SetTimeStampEx(&m_stPlain, 0, 1, kModule);
     MBUF_SetTimeStampEx(nullptr, 0, 1, kModule);
     EXPECT_TRUE(Reports().empty());
 }
 
-TEST_F(StackDebugTest, TimeStampRecordGrowthIsAttributedToTheWrapper) {
-    MBUF_S *pstMbuf = NewPacket();
-    ASSERT_NE(pstMbuf, nullptr);
-    ASSERT_NE(AddRecord(pstMbuf, MBUF_CTL_APP, 240), nullptr);
-    MBUF_SetTimeStampEx(pstMbuf, 0, 1, kModule);
-    ASSERT_NE(MBUF_GetControlInfo(pstMbuf, MBUF_CTL_TIMESTAMP), nullptr);
-    KRM_HOST_BUF_INFO_S stInfo{};
-    ASSERT_EQ(KRM_HOST_BufferInfo(pstMbuf->pstCtlInfo, &stInfo), 0u);
-    EXPECT_STREQ(stInfo.pcFile, "MBUF_SetTimeStampEx");
-    EXPECT_EQ(stInfo.ulLine, 184u);
+// ---- printing -----------------------------------------------------------------------------
 
-    // A failed creation stores nothing and says nothing.
-    MBUF_S *pstOther = NewPacket();
-    ASSERT_NE(AddRecord(pstOther, MBUF_CTL_APP, 240), nullptr);
-    KRM_HOST_FailNthAlloc(1);
-    MBUF_SetTimeStampEx(pstOther, 0, 1, kModule);
-    KRM_HOST_FailNthAlloc(0);
-    EXPECT_EQ(MBUF_GetControlInfo(pstOther, MBUF_CTL_TIMESTAMP), nullptr);
-    EXPECT_TRUE(Reports().empty());
+// ARP's entry has no last stamp: its right-hand column repeats what the
+// previous entry showed there.
+const std::string kLine1 =
+    "[SOCK  0x  650001]: 2024-03-05 18:20:30.123+08:00 ~ 2024-03-05 18:20:31.623+08:00 "
+    "(1500000us/1500000tick)\r\n";
+const std::string kLine2 =
+    "[ARP   0x  770002]: 2024-03-05 18:20:31.623+08:00 ~ 2024-03-05 18:20:31.623+08:00 "
+    "(0us/0tick)\r\n";
+const std::string kNoLast = " ~ 0000-00-00 00:00:00.000 (0us/0tick)\r\n";
+
+// The text ends after the last line that fits with its terminator; a buffer
+// filled exactly returns its size.
+TEST_F(StackDebugTest, LinesAreExactAndEndAtTheLastOneThatFits) {
+    MBUF_S *m = ThreeStamps();
+    const auto l1 = static_cast<std::uint32_t>(kLine1.size());
+    const auto l2 = static_cast<std::uint32_t>(kLine2.size());
+    struct Case {
+        std::uint32_t size;
+        std::uint32_t result;
+        std::string text;
+    };
+    const Case cases[] = {
+        {1, 0, ""},
+        {l1, 0, ""},
+        {l1 + 1, l1 + 1, kLine1},
+        {l1 + 2, l1, kLine1},
+        {l1 + l2, l1, kLine1},
+        {l1 + l2 + 1, l1 + l2 + 1, kLine1 + kLine2},
+        {l1 + l2 + 2, l1 + l2, kLine1 + kLine2},
+        {4096, l1 + l2, kLine1 + kLine2},
+    };
+    for (const Case &c : cases) {
+        SCOPED_TRACE(c.size);
+        std::vector<char> buf(c.size + 1, '#');
+        EXPECT_EQ(MBUF_GetStackDebugInfo(m, buf.data(), c.size), c.result);
+        EXPECT_EQ(std::string(buf.data()), c.text);
+        EXPECT_EQ(buf[c.size], '#');
+    }
+    char text[8] = "keep";
+    EXPECT_EQ(MBUF_GetStackDebugInfo(m, text, 0), 1u);
+    EXPECT_STREQ(text, "keep");
+    EXPECT_EQ(MBUF_GetStackDebugInfo(nullptr, text, sizeof(text)), 0u);
+    EXPECT_EQ(MBUF_GetStackDebugInfo(m, nullptr, 100), 0u);
+    EXPECT_EQ(MBUF_GetStackDebugInfo(&m_stPlain, text, sizeof(text)), 0u);
+
+    // Without a record, or with one of capacity 0, the text is empty.
+    MBUF_S *empty = NewPacket();
+    EXPECT_EQ(Print(empty), "");
+    ASSERT_NE(AddRecord(empty, MBUF_CTL_STACKDEBUG, 28 + 48), nullptr);
+    std::strcpy(text, "junk");
+    EXPECT_EQ(MBUF_GetStackDebugInfo(empty, text, sizeof(text)), 0u);
+    EXPECT_STREQ(text, "");
+}
+
+TEST_F(StackDebugTest, ZoneTextFollowsThePlatformConversion) {
+    struct Case {
+        const char *name;
+        std::int32_t zone;
+        std::uint32_t comp;
+        KRM_SYSTIME_S time;
+        std::string line;
+    };
+    const Case cases[] = {
+        {"universal time has no zone text", 0, kCompA, Time(2024, 3, 5, 10, 20, 30, 123),
+         "[SOCK  0x  650001]: 2024-03-05 10:20:30.123" + kNoLast},
+        {"negative zone", -19800, kCompA, Time(2024, 3, 5, 10, 20, 30, 123),
+         "[SOCK  0x  650001]: 2024-03-05 04:50:30.123-05:30" + kNoLast},
+        // The zone text compares only days of month: at a month's end it is
+        // printed the wrong way round, as the tools reading it expect.
+        {"ahead across the month end", 19800, kCompB, Time(2024, 1, 31, 20, 0, 0, 500),
+         "[ARP   0x  770002]: 2024-02-01 01:30:00.500-18:30" + kNoLast},
+        {"unknown component", 3600, 0x00FF0001, Time(2024, 3, 5, 10, 0, 0, 1),
+         "[OTHERS 0x  FF0001]: 2024-03-05 11:00:00.001+01:00" + kNoLast},
+        {"full-width id", 3600, 0x12650034, Time(2024, 3, 5, 10, 0, 0, 1),
+         "[SOCK  0x12650034]: 2024-03-05 11:00:00.001+01:00" + kNoLast},
+    };
+    for (const Case &c : cases) {
+        SCOPED_TRACE(c.name);
+        KRM_HOST_SetTimeZone(c.zone);
+        MBUF_S *m = NewPacket();
+        StampAt(m, c.comp, c.time, 42);
+        EXPECT_EQ(Print(m), c.line);
+    }
+}
+
+// A stamp whose time of day is zero (exactly midnight, universal) is not
+// converted: the column shows the previous entry's converted time and zone,
+// or zero and no zone in the first entry.
+TEST_F(StackDebugTest, MidnightStampRepeatsThePreviousColumn) {
+    MBUF_S *m = NewPacket();
+    StampAt(m, kCompA, Time(2024, 3, 5, 10, 20, 30, 123), 100);
+    StampAt(m, kCompB, Time(2024, 3, 6, 0, 0, 0, 0), 200);
+    StampAt(m, kCompA, Time(2024, 3, 6, 0, 0, 0, 1), 300);
+    EXPECT_EQ(Print(m), "[SOCK  0x  650001]: 2024-03-05 18:20:30.123+08:00" + kNoLast +
+                            "[ARP   0x  770002]: 2024-03-05 18:20:30.123+08:00" + kNoLast +
+                            "[SOCK  0x  650001]: 2024-03-06 08:00:00.001+08:00" + kNoLast);
+    MBUF_S *first = NewPacket();
+    StampAt(first, kCompA, Time(2024, 3, 6, 0, 0, 0, 0), 100);
+    EXPECT_EQ(Print(first), "[SOCK  0x  650001]: 0000-00-00 00:00:00.000" + kNoLast);
+}
+
+TEST_F(StackDebugTest, PrintsUpToTheCurrentEntryOnly) {
+    MBUF_S *m = NewPacket();
+    std::string text;
+    for (std::uint32_t i = 0; i < 7; ++i) {
+        StampAt(m, kCompA + (i << 16), Time(2024, 3, 5, 10, 0, i, 0), i);
+        const std::string line = Print(m).substr(text.size());
+        EXPECT_EQ(line.substr(line.find(':')),
+                  ": 2024-03-05 18:00:0" + std::to_string(i) + ".000+08:00" + kNoLast)
+            << i;
+        text += line;
+    }
+    EXPECT_NE(text.find("[IPAPP 0x  6B0001]: 2024-03-05 18:00:06.000+08:00" + kNoLast),
+              std::string::npos);
+    auto *rec = Rec(m, MBUF_CTL_STACKDEBUG);
+    rec[5] = 0;
+    EXPECT_EQ(Print(m), "[SOCK  0x  650001]: 2024-03-05 18:00:00.000+08:00" + kNoLast);
+    // A current index beyond the capacity prints the capacity's worth: the
+    // five free entries carry the last converted first stamp along.
+    rec[5] = 200;
+    const std::string free = "[OTHERS 0x       0]: 2024-03-05 18:00:06.000+08:00" + kNoLast;
+    EXPECT_EQ(Print(m), text + free + free + free + free + free);
+}
+
+TEST_F(StackDebugTest, DumpShowsFlagWordsAndOneLinePerEntry) {
+    m_stNoBlock.ulFlag2 = 0x1234;
+    std::string dump = krm::test::Dump(&m_stNoBlock);
+    EXPECT_NE(dump.find("\nflag words: packet none flag2 0x00001234 flag3 0x00000000\n"),
+              std::string::npos)
+        << dump;
+
+    MBUF_S *m = ThreeStamps();
+    (void)MBUF_SetFlag(m, 0x101);
+    (void)MBUF_SetFlag2(m, 0x20);
+    (void)MBUF_SetFlag3(m, 31);
+    dump = krm::test::Dump(m);
+    EXPECT_NE(dump.find("\nflag words: packet 0x00000101 flag2 0x00000020 flag3 0x80000000\n"),
+              std::string::npos)
+        << dump;
+    const auto unterminated = [](const std::string &line) {
+        return "    " + line.substr(0, line.size() - 2) + "\n";
+    };
+    EXPECT_NE(
+        dump.find(" STACKDEBUG offset 184 len 320\n" + unterminated(kLine1) + unterminated(kLine2)),
+        std::string::npos)
+        << dump;
+
+    MBUF_S *empty = NewPacket();
+    ASSERT_NE(AddRecord(empty, MBUF_CTL_STACKDEBUG, 28 + 48), nullptr);
+    dump = krm::test::Dump(empty);
+    EXPECT_NE(dump.find(" STACKDEBUG offset 184 len 80\n"), std::string::npos) << dump;
+    EXPECT_EQ(dump.find("    ["), std::string::npos) << dump;
 }
 
 }  // namespace
