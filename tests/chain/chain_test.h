@@ -25,6 +25,9 @@ using Range = std::pair<std::uint32_t, std::uint32_t>;  // [first, second)
 
 // The packet's data equals the model, and ulTotalDataLen says so too.
 inline ::testing::AssertionResult HoldsBytes(const MBUF_S *pstMbuf, const Bytes &expected) {
+    if (pstMbuf == nullptr) {
+        return ::testing::AssertionFailure() << "no packet";
+    }
     const Bytes actual = Flatten(pstMbuf);
     const auto diff = std::mismatch(actual.begin(), actual.end(), expected.begin(), expected.end());
     if (diff.first != actual.end() || diff.second != expected.end()) {
@@ -32,7 +35,7 @@ inline ::testing::AssertionResult HoldsBytes(const MBUF_S *pstMbuf, const Bytes 
                << "data differs at byte " << (diff.first - actual.begin()) << " (have "
                << actual.size() << " bytes, want " << expected.size() << ")";
     }
-    if (pstMbuf != nullptr && pstMbuf->ulTotalDataLen != expected.size()) {
+    if (pstMbuf->ulTotalDataLen != expected.size()) {
         return ::testing::AssertionFailure()
                << "ulTotalDataLen " << pstMbuf->ulTotalDataLen << ", data " << expected.size();
     }
@@ -95,6 +98,8 @@ inline int RecordMark(MBUF_S *m) {
 inline std::uint32_t SweepPacket(const std::vector<NodeSpec> &rows, bool records,
                                  const std::function<bool(MBUF_S *)> &op,
                                  const std::function<void(MBUF_S *, const Bytes &)> &done) {
+    SCOPED_TRACE(testing::Message()
+                 << "sweep over " << rows.size() << " rows of " << ShapeLength(rows) << " bytes");
     MBUF_S *m = nullptr;
     Bytes flat;
     const auto setup = [&] {

@@ -59,19 +59,6 @@ INSTANTIATE_TEST_SUITE_P(Shapes, ContiguityShapeTest, ::testing::ValuesIn(Standa
 
 class ContiguityTest : public ChainTest {};
 
-// A range already in one node is returned as it is, with its offset in the
-// node; an empty head is passed over for offset 0.
-TEST_F(ContiguityTest, ARangeInOneNodeIsReturnedAsItIs) {
-    MBUF_S *m = BuildChain({InlineNode(0, 100), InlineNode(50)});
-    int32_t inNode = -1;
-    EXPECT_EQ(MBUF_MemContinuousFromOffset(m, 10, 40, &inNode, kTestModule, nullptr), m->pstNext);
-    EXPECT_EQ(inNode, 10);
-    EXPECT_EQ(MBUF_MemContinuousFromOffset(m, 0, 5, &inNode, kTestModule, nullptr), m->pstNext);
-    EXPECT_EQ(inNode, 0);
-    EXPECT_EQ(NodeLengths(m), (Lens{0, 50}));
-    MBUF_Destroy(m);
-}
-
 // The tail of a node moves into the next node's head room, which already
 // holds the rest of the range: no allocation. Not into a locked buffer, and
 // not out of a buffer shared with another packet.
@@ -91,6 +78,7 @@ TEST_F(ContiguityTest, TheTailOfANodeIsPulledIntoTheNextNodesHeadRoom) {
     MBUF_Destroy(m);
 
     for (bool locked : {true, false}) {
+        SCOPED_TRACE(locked ? "locked room" : "shared buffer");
         m = BuildChain({ClusterNode(100), ClusterNode(30, 10)});
         if (locked) {
             m->pstNext->ulFlag |= MBUF_ROOMLOCK;
@@ -99,7 +87,7 @@ TEST_F(ContiguityTest, TheTailOfANodeIsPulledIntoTheNextNodesHeadRoom) {
         }
         uint8_t *p = MBUF_MakeMemoryContinuous(m, 90, 20, kTestModule);
         ASSERT_NE(p, nullptr);
-        EXPECT_EQ(NodeLengths(m), (Lens{90, 20, 20})) << "locked " << locked;
+        EXPECT_EQ(NodeLengths(m), (Lens{90, 20, 20}));
         EXPECT_EQ(Bytes(p, p + 20), Slice(flat, 90, 20));
         EXPECT_TRUE(HoldsBytes(m, flat));
         m->pstNext->ulFlag &= ~MBUF_ROOMLOCK;

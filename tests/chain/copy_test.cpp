@@ -16,7 +16,7 @@ class CopyShapeTest : public ShapeTest {};
 
 // Over every range, on a packet that fills keep overwriting: a copy out
 // writes exactly the range; a raw copy of it is one node with its own
-// storage, the source's header and 64 bytes of head room; a fill overwrites
+// storage, the source's header and at least 64 bytes of head room; a fill overwrites
 // it in place and never allocates. A copy in writes it too, into a fresh
 // packet and also from behind its end: existing nodes keep their lengths and
 // the packet grows by added inline nodes, a gap reading as zeros.
@@ -27,7 +27,13 @@ TEST_P(CopyShapeTest, CopiesMatchTheModelForEveryRange) {
     m->ulFlag2 = 0x1234;
     m->ulPktRsv4 = 77;
     std::uint32_t seed = 20;
-    for (const auto &[from, to] : Ranges(Rows())) {
+    std::vector<Range> ranges = Ranges(Rows());
+    for (std::uint32_t len : {308u, 309u, 1896u, 1897u}) {  // the raw copy's size steps
+        if (len <= Total()) {
+            ranges.emplace_back(0, len);
+        }
+    }
+    for (const auto &[from, to] : ranges) {
         SCOPED_TRACE(testing::Message() << from << ".." << to);
         const std::uint32_t len = to - from;
         Bytes out(len + 8, kGuard);
@@ -36,16 +42,28 @@ TEST_P(CopyShapeTest, CopiesMatchTheModelForEveryRange) {
         EXPECT_EQ(rc, from == Total() ? MBUF_ERR_OFFSET : MBUF_OK);
         if (rc == MBUF_OK) {
             EXPECT_EQ(out, Cat(Slice(flat, from, len), Bytes(8, kGuard)));
-            MBUF_S *copy = MBUF_RawCopy_fl(m, from, len, 3, kTestModule, kFile, __LINE__);
+            // The copy's one node is inline while data and head room fit, a
+            // cluster up to 1960 bytes, an exactly sized buffer beyond; the
+            // wrapper's buffers are its own.
+            const std::uint32_t headRoom = from % 2 == 0 ? 3 : 100;
+            const std::uint32_t need = len + std::max(headRoom, MBUF_RAWCOPY_MIN_HEADROOM);
+            MBUF_S *copy = MBUF_RawCopy(m, from, len, headRoom, kTestModule);
             ASSERT_NE(copy, nullptr);
             EXPECT_TRUE(IsValidPacket(copy));
             EXPECT_TRUE(HoldsBytes(copy, Slice(flat, from, len)));
             EXPECT_EQ(NodeCount(copy), 1u);
             EXPECT_EQ(copy->ulFlag2, 0x1234u);
             EXPECT_EQ(copy->ulPktRsv4, 77u);
-            const uint8_t *start =
-                (copy->ulFlag & MBUF_EXT) != 0 ? copy->pucExtBuf : copy->aucHdrInlineData;
-            EXPECT_EQ(copy->pucData, start + MBUF_RAWCOPY_MIN_HEADROOM);
+            const bool ext = (copy->ulFlag & MBUF_EXT) != 0;
+            ASSERT_EQ(ext, need > MBUF_PKTHDR_INLINE_LEN);
+            EXPECT_EQ(copy->pucData + len, (ext ? copy->pucExtBuf : copy->aucHdrInlineData) + need);
+            KRM_HOST_BUF_INFO_S info{};
+            if (ext) {
+                EXPECT_EQ(copy->ulExtSize, std::max(need, MBUF_CLUSTER_SIZE));
+                ASSERT_EQ(KRM_HOST_BufferInfo(copy->pucExtBuf, &info), 0u);
+                EXPECT_STREQ(info.pcFile, "MBUF_RawCopy");
+                EXPECT_EQ(info.ulLine, 55u);
+            }
             MBUF_Destroy(copy);
         }
         const Bytes src = Payload(len, ++seed);
@@ -122,11 +140,7 @@ TEST_F(CopyTest, CopiesReportWhatTheyCannotDo) {
                   AssertReport("mbuf_uipc_mbuf", 227, "MBUF CopyDataToCbuf, negative iOff -1"),
                   AssertReport("mbuf_uipc_mbuf", 231,
                                "MBUF CopyDataToCbuf, offset > size: offset -31 len 4 ."),
-                  dst,
-                  dst,
-                  src,
-                  src,
-              }));
+                  dst, dst, src, src}));
     EXPECT_TRUE(HoldsBytes(m, Payload(30)));
     MBUF_Destroy(m);
 }
@@ -206,34 +220,6 @@ TEST_F(CopyTest, HeaderCopiesTakeFlagsWordsAndRecords) {
     EXPECT_TRUE(IsValidPacket(head));
     MBUF_Destroy(head);
     MBUF_Destroy(src);
-}
-
-// The copy's one node is inline while data and head room fit 372 bytes, a
-// cluster up to 1960, an exactly sized buffer beyond.
-TEST_F(CopyTest, RawCopySizesItsSingleNode) {
-    MBUF_S *m = BuildChain({ExactNode(3000, 3000)});
-    const Bytes flat = Flatten(m);
-    struct Case {
-        std::uint32_t len, headRoom, bufSize;
-    };
-    for (const Case &c : {Case{100, 0, 0}, Case{300, 100, MBUF_CLUSTER_SIZE}, Case{308, 0, 0},
-                          Case{309, 0, MBUF_CLUSTER_SIZE}, Case{2000, 0, 2064}}) {
-        SCOPED_TRACE(c.len);
-        MBUF_S *copy = MBUF_RawCopy(m, 7, c.len, c.headRoom, kTestModule);
-        ASSERT_NE(copy, nullptr);
-        EXPECT_TRUE(HoldsBytes(copy, Slice(flat, 7, c.len)));
-        EXPECT_EQ((copy->ulFlag & MBUF_EXT) != 0, c.bufSize != 0);
-        if (c.bufSize != 0) {
-            EXPECT_EQ(copy->ulExtSize, c.bufSize);
-            EXPECT_EQ(copy->pucData, copy->pucExtBuf + std::max(c.headRoom, 64u));
-            KRM_HOST_BUF_INFO_S info{};
-            ASSERT_EQ(KRM_HOST_BufferInfo(copy->pucExtBuf, &info), 0u);
-            EXPECT_STREQ(info.pcFile, "MBUF_RawCopy");
-            EXPECT_EQ(info.ulLine, 55u);
-        }
-        MBUF_Destroy(copy);
-    }
-    MBUF_Destroy(m);
 }
 
 // What is not a packet is refused; a raw copy reports it, and a range

@@ -7,33 +7,25 @@
 namespace krm::test {
 namespace {
 
-// The pieces a walk handed to its callback. The callback's argument is a
-// number, so the collector is reached through a static.
-struct Piece {
-    const std::uint8_t *data;
-    std::uint32_t len;
-};
-std::vector<Piece> g_pieces;
+// What a walk handed to its callback: the bytes end to end, and the length
+// of each piece. The callback's argument is a number, so the collector is
+// reached through statics.
+Bytes g_bytes;
+Lens g_lengths;
 std::uint32_t g_stopAt = 0;  // piece number whose callback returns 7; 0: never
 
 std::uint32_t Collect(std::uint32_t ulArg, std::uint8_t *pucData, std::uint32_t ulLen) {
     EXPECT_EQ(ulArg, 0xA5u);
-    g_pieces.push_back(Piece{pucData, ulLen});
-    return g_pieces.size() == g_stopAt ? 7u : 0u;
-}
-
-Bytes Joined(const std::vector<Piece> &pieces) {
-    Bytes out;
-    for (const Piece &p : pieces) {
-        out.insert(out.end(), p.data, p.data + p.len);
-    }
-    return out;
+    g_bytes.insert(g_bytes.end(), pucData, pucData + ulLen);
+    g_lengths.push_back(ulLen);
+    return g_lengths.size() == g_stopAt ? 7u : 0u;
 }
 
 // Runs the checked walk (MBUF_Apply) or the reporting one on a range and
-// returns its result; the pieces land in g_pieces.
+// returns its result.
 std::uint32_t Walk(bool checked, MBUF_S *m, std::int32_t off, std::int32_t len) {
-    g_pieces.clear();
+    g_bytes.clear();
+    g_lengths.clear();
     return checked ? MBUF_Apply(m, off, len, Collect, 0xA5)
                    : MBUF_ApplyFuncToSpecifiedData(m, off, len, Collect, 0xA5);
 }
@@ -54,8 +46,8 @@ TEST_P(TraversalShapeTest, EveryWalkYieldsTheRange) {
             const uint32_t rc =
                 Walk(checked, m, static_cast<int32_t>(from), static_cast<int32_t>(to - from));
             EXPECT_EQ(rc, !checked && from == Total() ? MBUF_ERR_CHAIN_END : MBUF_OK) << checked;
-            EXPECT_EQ(Joined(g_pieces), want) << checked;
-            EXPECT_TRUE(to != from || g_pieces.empty()) << checked;
+            EXPECT_EQ(g_bytes, want) << checked;
+            EXPECT_TRUE(to != from || g_lengths.empty()) << checked;
         }
         if (to == from) {
             continue;
@@ -68,20 +60,20 @@ TEST_P(TraversalShapeTest, EveryWalkYieldsTheRange) {
         MBUF_BLOCK_LIST_S keyList{num, 0, keys.data()};
         ASSERT_EQ(MBUF_GetDataBlockInfo(m, from, to - from, &infoList), MBUF_OK);
         ASSERT_EQ(MBUF_GetDataBlockForKeyChain(m, from, to - from, &keyList), MBUF_OK);
-        std::vector<Piece> a, b;
+        Bytes a, b;
         for (std::uint32_t i = 0; i < num; ++i) {
             EXPECT_NE(info[i].ulLen, 0u);
-            a.push_back(Piece{info[i].pucData, info[i].ulLen});
-            b.push_back(Piece{keys[i].pucData, keys[i].ulLen});
+            a.insert(a.end(), info[i].pucData, info[i].pucData + info[i].ulLen);
+            b.insert(b.end(), keys[i].pucData, keys[i].pucData + keys[i].ulLen);
             EXPECT_EQ(keys[i].ulRsv, 0xDEADBEEFu);
         }
-        EXPECT_EQ(Joined(a), want);
-        EXPECT_EQ(Joined(b), want);
+        EXPECT_EQ(a, want);
+        EXPECT_EQ(b, want);
         if (num > 1) {
             MBUF_BLOCK_LIST_S shortList{num - 1, 0, info.data()};
             std::memset(info.data(), 0, info.size() * sizeof(info[0]));
             EXPECT_EQ(MBUF_GetDataBlockInfo(m, from, to - from, &shortList), MBUF_ERR_TOO_SMALL);
-            EXPECT_EQ(info[num - 2].ulLen, a[num - 2].len);
+            EXPECT_EQ(info[num - 2].ulLen, keys[num - 2].ulLen);
             EXPECT_EQ(info[num - 1].pucData, nullptr);
         }
     }
@@ -163,11 +155,7 @@ TEST_F(TraversalTest, ApplyStartsStopsAndReportsAsEachWalkDoes) {
     for (const Case &c : cases) {
         g_stopAt = c.stopAt;
         EXPECT_EQ(Walk(c.checked, m, c.off, c.len), c.rc) << c.checked << " " << c.off;
-        Lens lengths;
-        for (const Piece &p : g_pieces) {
-            lengths.push_back(p.len);
-        }
-        EXPECT_EQ(lengths, c.pieces) << c.checked << " " << c.off << "+" << c.len;
+        EXPECT_EQ(g_lengths, c.pieces) << c.checked << " " << c.off << "+" << c.len;
     }
     const std::string beyond = "MBUF ApplyFunc to data, offset > size of mbuf chain";
     EXPECT_EQ(Reports(),
