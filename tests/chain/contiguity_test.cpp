@@ -1,7 +1,5 @@
 // Making ranges contiguous and re-packing packets: the bytes never change,
 // only where they lie.
-#include <cstring>
-
 #include "chain_test.h"
 
 namespace krm::test {
@@ -11,60 +9,47 @@ constexpr const char *kFile = "contiguity_test";
 
 class ContiguityShapeTest : public ShapeTest {};
 
+// Whenever the offset lies inside the packet the range ends up inside one
+// node's data, and the packet's bytes stay as they were.
 TEST_P(ContiguityShapeTest, EveryRangeBecomesContiguousAndTheDataStays) {
-    const std::vector<std::uint32_t> points = InterestingOffsets(Rows());
-    const std::uint32_t total = ShapeLength(Rows());
-    for (std::uint32_t from : points) {
-        for (std::uint32_t to : points) {
-            if (to < from) {
-                continue;
+    for (const auto &[from, to] : Ranges(Rows())) {
+        SCOPED_TRACE(testing::Message() << from << ".." << to);
+        MBUF_S *m = Build();
+        const Bytes flat = Flatten(m);
+        const std::uint32_t len = to - from;
+        uint8_t *p = MBUF_MakeMemoryContinuous_fl(
+            m, static_cast<int32_t>(from), static_cast<int32_t>(len), kTestModule, kFile, __LINE__);
+        EXPECT_TRUE(IsValidPacket(m));
+        EXPECT_TRUE(HoldsBytes(m, flat));
+        ASSERT_EQ(p != nullptr, from < Total());
+        if (p != nullptr) {
+            bool inside = len == 0;
+            for (const MBUF_S *n = m; n != nullptr; n = n->pstNext) {
+                inside |= p >= n->pucData && p + len <= n->pucData + n->ulDataLen;
             }
-            SCOPED_TRACE(testing::Message() << from << ".." << to);
-            MBUF_S *m = Build();
-            const Bytes flat = Flatten(m);
-            const std::uint32_t len = to - from;
-            uint8_t *p = MBUF_MakeMemoryContinuous_fl(m, static_cast<int32_t>(from),
-                                                      static_cast<int32_t>(len), kTestModule, kFile,
-                                                      __LINE__);
-            EXPECT_TRUE(PacketOk(m));
-            EXPECT_TRUE(HoldsBytes(m, flat));
-            // Found whenever the offset lies inside the packet.
-            ASSERT_EQ(p != nullptr, from < total);
-            if (p != nullptr) {
-                // The range lies inside one node's data.
-                bool inside = false;
-                for (const MBUF_S *n = m; n != nullptr; n = n->pstNext) {
-                    inside |= p >= n->pucData && p + len <= n->pucData + n->ulDataLen;
-                }
-                EXPECT_TRUE(inside || len == 0);
-                EXPECT_EQ(Bytes(p, p + len), Slice(flat, from, len));
-            }
-            MBUF_Destroy(m);
+            EXPECT_TRUE(inside);
+            EXPECT_EQ(Bytes(p, p + len), Slice(flat, from, len));
         }
+        MBUF_Destroy(m);
     }
 }
 
-TEST_P(ContiguityShapeTest, RangesPastTheEndChangeNothing) {
+// A range past the end changes nothing; compressing a packet of few blocks
+// only tidies it.
+TEST_P(ContiguityShapeTest, RangesPastTheEndAndCompressOfFewBlocksKeepTheNodes) {
     MBUF_S *m = Build();
     const Bytes flat = Flatten(m);
-    const std::vector<std::uint32_t> before = NodeLengths(m);
-    const auto total = static_cast<int32_t>(flat.size());
+    const Lens before = NodeLengths(m);
+    const auto total = static_cast<int32_t>(Total());
     for (int32_t from : {0, total / 2, total}) {
         EXPECT_EQ(MBUF_MakeMemoryContinuous(m, from, total - from + 1, kTestModule), nullptr);
     }
     EXPECT_EQ(NodeLengths(m), before);
-    EXPECT_TRUE(HoldsBytes(m, flat));
-    MBUF_Destroy(m);
-}
-
-TEST_P(ContiguityShapeTest, CompressKeepsTheDataOfAFewBlocks) {
-    MBUF_S *m = Build();
-    const Bytes flat = Flatten(m);
     ASSERT_EQ(MBUF_Compress_fl(m, kTestModule, kFile, __LINE__), MBUF_OK);
-    EXPECT_TRUE(PacketOk(m));
+    EXPECT_TRUE(IsValidPacket(m));
     EXPECT_TRUE(HoldsBytes(m, flat));
     for (const MBUF_S *n = m->pstNext; n != nullptr; n = n->pstNext) {
-        EXPECT_NE(n->ulDataLen, 0u);  // tidied
+        EXPECT_NE(n->ulDataLen, 0u);
     }
     MBUF_Destroy(m);
 }
@@ -74,21 +59,9 @@ INSTANTIATE_TEST_SUITE_P(Shapes, ContiguityShapeTest, ::testing::ValuesIn(Standa
 
 class ContiguityTest : public ChainTest {};
 
-TEST_F(ContiguityTest, ARangeInOneNodeIsReturnedAsItIs) {
-    MBUF_S *m = BuildChain({InlineNode(100), InlineNode(50)});
-    int32_t inNode = -1;
-    MBUF_S *node = MBUF_MemContinuousFromOffset(m, 110, 40, &inNode, kTestModule, nullptr);
-    EXPECT_EQ(node, m->pstNext);
-    EXPECT_EQ(inNode, 10);
-    EXPECT_EQ(NodeLengths(m), (std::vector<std::uint32_t>{100, 50}));
-    // An empty head is passed over for offset 0.
-    m->pucData += m->ulDataLen;
-    m->ulTotalDataLen -= m->ulDataLen;
-    m->ulDataLen = 0;
-    EXPECT_EQ(MBUF_MemContinuousFromOffset(m, 0, 5, nullptr, kTestModule, nullptr), m->pstNext);
-    MBUF_Destroy(m);
-}
-
+// The tail of a node moves into the next node's head room, which already
+// holds the rest of the range: no allocation. Not into a locked buffer, and
+// not out of a buffer shared with another packet.
 TEST_F(ContiguityTest, TheTailOfANodeIsPulledIntoTheNextNodesHeadRoom) {
     MBUF_S *m = BuildChain({InlineNode(100), InlineNode(30, 10)});
     const Bytes flat = Flatten(m);
@@ -100,23 +73,21 @@ TEST_F(ContiguityTest, TheTailOfANodeIsPulledIntoTheNextNodesHeadRoom) {
     EXPECT_EQ(KRM_HOST_AllocAttemptCount(), attempts);
     EXPECT_EQ(inNode, 0);
     EXPECT_EQ(second->pucData, oldData - 10);
-    EXPECT_EQ(NodeLengths(m), (std::vector<std::uint32_t>{90, 40}));
+    EXPECT_EQ(NodeLengths(m), (Lens{90, 40}));
     EXPECT_TRUE(HoldsBytes(m, flat));
     MBUF_Destroy(m);
-}
 
-TEST_F(ContiguityTest, NoPullBackIntoALockedOrSharedBuffer) {
-    for (int variant = 0; variant < 2; ++variant) {
-        MBUF_S *m = BuildChain({ClusterNode(100), ClusterNode(30, 10)});
-        if (variant == 0) {
-            m->pstNext->ulFlag |= MBUF_ROOMLOCK;  // no head room to take
+    for (bool locked : {true, false}) {
+        SCOPED_TRACE(locked ? "locked room" : "shared buffer");
+        m = BuildChain({ClusterNode(100), ClusterNode(30, 10)});
+        if (locked) {
+            m->pstNext->ulFlag |= MBUF_ROOMLOCK;
         } else {
-            m->ulExtRefCnt = 2;  // the first node's buffer is not writable
+            m->ulExtRefCnt = 2;
         }
-        const Bytes flat = Flatten(m);
         uint8_t *p = MBUF_MakeMemoryContinuous(m, 90, 20, kTestModule);
         ASSERT_NE(p, nullptr);
-        EXPECT_EQ(NodeCount(m), 3u);
+        EXPECT_EQ(NodeLengths(m), (Lens{90, 20, 20}));
         EXPECT_EQ(Bytes(p, p + 20), Slice(flat, 90, 20));
         EXPECT_TRUE(HoldsBytes(m, flat));
         m->pstNext->ulFlag &= ~MBUF_ROOMLOCK;
@@ -124,6 +95,10 @@ TEST_F(ContiguityTest, NoPullBackIntoALockedOrSharedBuffer) {
     }
 }
 
+// Otherwise the range gets a new node behind the first: inline up to 848
+// bytes, a cluster up to 1960, an exactly sized buffer beyond, its reference
+// count taking the head's type as appending does. The nodes behind are cut
+// from the front and may be left empty until a tidy pass.
 TEST_F(ContiguityTest, ALongRangeGetsANewNodeSizedForIt) {
     struct Case {
         std::int32_t len;
@@ -136,23 +111,21 @@ TEST_F(ContiguityTest, ALongRangeGetsANewNodeSizedForIt) {
             BuildChain({InlineNode(300), InlineNode(800), InlineNode(800), ClusterNode(1800)});
         m->usType = 4;
         const Bytes flat = Flatten(m);
-        MBUF_S *first = m;
         int32_t inNode = -1;
         MBUF_S *node = MBUF_MemContinuousFromOffset(m, 200, c.len, &inNode, kTestModule, nullptr);
         ASSERT_NE(node, nullptr);
-        EXPECT_EQ(first->pstNext, node);
+        EXPECT_EQ(m->pstNext, node);
         EXPECT_EQ(inNode, 0);
         EXPECT_EQ(node->ulDataLen, static_cast<std::uint32_t>(c.len));
         EXPECT_EQ(node->usType, 4u);
         EXPECT_EQ((node->ulFlag & MBUF_EXT) != 0, c.extSize != 0);
         if (c.extSize != 0) {
             EXPECT_EQ(node->ulExtSize, c.extSize);
-            EXPECT_EQ(node->ulExtRefCnt, 4u);  // the head's type, as appending does
+            EXPECT_EQ(node->ulExtRefCnt, 4u);
         }
         EXPECT_TRUE(HoldsBytes(m, flat));
         MBUF_FreeNoUseMemory_fl(m, kFile, __LINE__);
-        EXPECT_TRUE(PacketOk(m));
-        EXPECT_TRUE(HoldsBytes(m, flat));
+        EXPECT_TRUE(IsValidPacket(m));
         MBUF_Destroy(m);
     }
 }
@@ -173,120 +146,97 @@ TEST_F(ContiguityTest, ReportsNegativeArgumentsAndANullPacket) {
     MBUF_Destroy(m);
 }
 
+// 40 bytes across two nodes need one new node; 1000 bytes a node and its
+// cluster.
 TEST_F(ContiguityTest, ContiguityFailsCleanlyAtEveryAllocation) {
     for (std::int32_t len : {40, 1000}) {
-        MBUF_S *m = nullptr;
-        Bytes flat;
         uint8_t *p = nullptr;
-        const SweepResult result = FaultSweep({
-            [&] {
-                m = BuildChain({InlineNode(100), InlineNode(100)});
-                flat = Flatten(m);
-                // 40 bytes across the two nodes, or 1000 of a longer packet
-                if (len > 40) {
-                    MBUF_S *tail = BuildChain({InlineNode(0), InlineNode(848), InlineNode(848)});
-                    ASSERT_EQ(MBUF_Concatenate(m, tail), MBUF_OK);
-                    MBUF_FreeNoUseMemory_fl(m, kFile, __LINE__);
-                    flat = Flatten(m);
-                }
-            },
-            [&] {
-                p = MBUF_MakeMemoryContinuous(m, 80, len, kTestModule);
-                return p != nullptr;
-            },
-            [&] {
-                EXPECT_TRUE(HoldsBytes(m, flat));
-                MBUF_Destroy(m);
-            },
-            [&] {
-                EXPECT_EQ(Bytes(p, p + len), Slice(flat, 80, static_cast<std::uint32_t>(len)));
-                MBUF_Destroy(m);
-            },
-        });
-        EXPECT_EQ(result.failedRuns, len > 40 ? 2u : 1u);
+        const auto join = [&](MBUF_S *m) {
+            return (p = MBUF_MakeMemoryContinuous(m, 80, len, kTestModule)) != nullptr;
+        };
+        const auto joined = [&](MBUF_S *m, const Bytes &flat) {
+            EXPECT_TRUE(HoldsBytes(m, flat));
+            EXPECT_EQ(Bytes(p, p + len), Slice(flat, 80, static_cast<std::uint32_t>(len)));
+        };
+        EXPECT_EQ(SweepPacket({InlineNode(100), InlineNode(100), InlineNode(848), InlineNode(848)},
+                              false, join, joined),
+                  len > 40 ? 2u : 1u);
     }
 }
 
 // A packet of `nodes` nodes holding `total` bytes between them, inline where
 // the share fits.
-MBUF_S *ManyNodes(std::uint32_t nodes, std::uint32_t total) {
+std::vector<NodeSpec> ManyNodes(std::uint32_t nodes, std::uint32_t total) {
     std::vector<NodeSpec> rows;
     for (std::uint32_t i = 0; i < nodes; ++i) {
         const std::uint32_t share = total / nodes + (i < total % nodes ? 1 : 0);
         const std::uint32_t room = i == 0 ? MBUF_PKTHDR_INLINE_LEN : MBUF_PLAIN_INLINE_LEN;
         rows.push_back(share <= room ? InlineNode(share) : ClusterNode(share));
     }
-    return BuildChain(rows, 6);
+    return rows;
 }
 
-TEST_F(ContiguityTest, CompressRepacksMoreThanNinetyBlocksIntoOneBuffer) {
-    MBUF_S *m = ManyNodes(91, 20000);
-    const Bytes flat = Flatten(m);
-    ASSERT_EQ(MBUF_Compress_fl(m, kTestModule, kFile, __LINE__), MBUF_OK);
-    EXPECT_EQ(NodeCount(m), 1u);
-    EXPECT_NE(m->ulFlag & MBUF_EXT, 0u);
-    EXPECT_EQ(m->ulExtSize, 20000u);
-    EXPECT_TRUE(PacketOk(m));
-    EXPECT_TRUE(HoldsBytes(m, flat));
-    MBUF_Destroy(m);
-
-    m = ManyNodes(90, 20000);
-    ASSERT_EQ(MBUF_Compress_fl(m, kTestModule, kFile, __LINE__), MBUF_OK);
-    EXPECT_EQ(NodeCount(m), 90u);
-    MBUF_Destroy(m);
-}
-
-TEST_F(ContiguityTest, CompressCountsExternalBuffersAsBlocks) {
-    // A cluster head and 43 cluster nodes (88 blocks) and two inline nodes:
-    // 90 blocks. One more inline node makes 91.
-    for (std::uint32_t extra : {0u, 1u}) {
-        std::vector<NodeSpec> rows{ClusterNode(10, 100)};
-        rows.insert(rows.end(), 43, ClusterNode(30));
-        rows.insert(rows.end(), 2 + extra, InlineNode(5));
-        MBUF_S *m = BuildChain(rows, 8);
+// More than 90 memory blocks (an external buffer counts as one more) are
+// re-packed into one buffer, and one further node past 63900 bytes.
+TEST_F(ContiguityTest, CompressRepacksMoreThanNinetyBlocks) {
+    // A cluster head, 43 cluster nodes and two inline nodes: 90 blocks.
+    std::vector<NodeSpec> ninety{ClusterNode(10, 100)};
+    ninety.insert(ninety.end(), 43, ClusterNode(30));
+    ninety.insert(ninety.end(), 2, InlineNode(5));
+    std::vector<NodeSpec> ninetyOne = ninety;
+    ninetyOne.push_back(InlineNode(5));
+    struct Case {
+        const char *name;
+        std::vector<NodeSpec> rows;
+        uint32_t rc;
+        Lens lengths;  // empty: unchanged
+    };
+    const Case cases[] = {
+        {"91 inline nodes", ManyNodes(91, 20000), MBUF_OK, {20000}},
+        {"90 inline nodes", ManyNodes(90, 20000), MBUF_OK, {}},
+        {"90 blocks with buffers", ninety, MBUF_OK, {}},
+        {"91 blocks with buffers", ninetyOne, MBUF_OK, {1315}},
+        {"beyond the largest buffer",
+         ManyNodes(100, 65000),
+         MBUF_OK,
+         {MBUF_COMPRESS_MAX_BUF, 1100}},
+        {"too long", ManyNodes(100, MBUF_COMPRESS_MAX_LEN), MBUF_ERR_CANNOT_PROCEED, {}},
+    };
+    for (const Case &c : cases) {
+        SCOPED_TRACE(c.name);
+        MBUF_S *m = BuildChain(c.rows, 6);
         const Bytes flat = Flatten(m);
-        ASSERT_EQ(MBUF_Compress_fl(m, kTestModule, kFile, __LINE__), MBUF_OK);
-        EXPECT_EQ(NodeCount(m), extra == 0 ? rows.size() : 1u);
+        const Lens before = NodeLengths(m);
+        ASSERT_EQ(MBUF_Compress_fl(m, kTestModule, kFile, __LINE__), c.rc);
+        EXPECT_EQ(NodeLengths(m), c.lengths.empty() ? before : c.lengths);
+        if (c.lengths.size() == 1) {
+            EXPECT_EQ(m->ulExtSize, c.lengths[0]);
+        }
+        EXPECT_TRUE(IsValidPacket(m));
         EXPECT_TRUE(HoldsBytes(m, flat));
-        EXPECT_TRUE(PacketOk(m));
         MBUF_Destroy(m);
     }
-}
-
-TEST_F(ContiguityTest, CompressBeyondTheLargestBufferUsesOneMoreNode) {
-    MBUF_S *m = ManyNodes(100, 65000);
-    const Bytes flat = Flatten(m);
-    ASSERT_EQ(MBUF_Compress_fl(m, kTestModule, kFile, __LINE__), MBUF_OK);
-    EXPECT_EQ(NodeLengths(m), (std::vector<std::uint32_t>{MBUF_COMPRESS_MAX_BUF, 1100}));
-    EXPECT_TRUE(PacketOk(m));
-    EXPECT_TRUE(HoldsBytes(m, flat));
-    MBUF_Destroy(m);
-
-    m = ManyNodes(100, MBUF_COMPRESS_MAX_LEN);
-    EXPECT_EQ(MBUF_Compress_fl(m, kTestModule, kFile, __LINE__), MBUF_ERR_CANNOT_PROCEED);
-    EXPECT_EQ(NodeCount(m), 100u);
-    MBUF_Destroy(m);
     EXPECT_EQ(MBUF_Compress_fl(nullptr, kTestModule, kFile, __LINE__), MBUF_OK);
 }
 
+// The buffer, then the further node and its cluster fail in turn: the first
+// failure changes nothing, the later ones leave a valid packet partly
+// re-packed, and report it.
 TEST_F(ContiguityTest, CompressOutOfMemoryKeepsEveryByte) {
-    // The buffer, then the further node and its cluster fail in turn: the
-    // first failure changes nothing, the later ones leave a valid packet
-    // partly re-packed.
     for (std::uint32_t nth = 1; nth <= 4; ++nth) {
         SCOPED_TRACE(nth);
-        MBUF_S *m = ManyNodes(100, 65000);
+        MBUF_S *m = BuildChain(ManyNodes(100, 65000), 6);
         const Bytes flat = Flatten(m);
         KRM_HOST_FailNthAlloc(nth);
         const uint32_t rc = MBUF_Compress_fl(m, kTestModule, kFile, __LINE__);
         KRM_HOST_FailNthAlloc(0);
         EXPECT_EQ(rc, nth <= 3 ? MBUF_ERR_NOMEM : MBUF_OK);
         EXPECT_EQ(NodeCount(m), nth == 1 ? 100u : (nth <= 3 ? 3u : 2u));
-        EXPECT_TRUE(PacketOk(m));
+        EXPECT_TRUE(IsValidPacket(m));
         EXPECT_TRUE(HoldsBytes(m, flat));
-        if (nth == 2 || nth == 3) {
-            EXPECT_EQ(Reports(), (std::vector<Report>{AssertReportNoText("krm_mbuf_bas", 1278)}));
-        }
+        EXPECT_EQ(Reports(), nth == 2 || nth == 3
+                                 ? std::vector<Report>{AssertReportNoText("krm_mbuf_bas", 1278)}
+                                 : std::vector<Report>{});
         MBUF_Destroy(m);
         KRM_HOST_ReportClear();
     }

@@ -5,48 +5,35 @@
 #include <algorithm>
 #include <cstring>
 
+#include "mbuf_check.h"
+
 namespace krm::test {
 namespace {
 
 constexpr const char *kSite = "chain_builder";
 
 // Allocates the node of one row; *pucStorage and *pulCapacity describe where
-// its data may lie.
+// its data may lie. A cluster row asks for more than the head's inline area,
+// which gets a standard cluster for either kind of node.
 MBUF_S *MakeNode(const NodeSpec &spec, bool head, std::uint8_t **pucStorage,
                  std::uint32_t *pulCapacity) {
-    std::uint32_t capacity = 0;
-    MBUF_S *node = nullptr;
-    switch (spec.storage) {
-        case Storage::Inline:
-            node = head ? MBUF_AllocateMBufHeader_fl(0, 0, &capacity, kTestModule, kSite, __LINE__)
-                        : MBUF_AllocateMBufNode_fl(0, 0, &capacity, kTestModule, kSite, __LINE__);
-            break;
-        case Storage::Cluster:
-            node = head ? MBUF_AllocateMBufHeader_fl(MBUF_PKTHDR_INLINE_LEN + 1, 0, &capacity,
-                                                     kTestModule, kSite, __LINE__)
-                        : MBUF_AllocateMBufNode_fl(MBUF_PKTHDR_INLINE_LEN + 1, 0, &capacity,
-                                                   kTestModule, kSite, __LINE__);
-            break;
-        case Storage::Exact:
-            node = head ? MBUF_AllocateMBufHeader_fl(0, 0, &capacity, kTestModule, kSite, __LINE__)
-                        : MBUF_AllocateMBufNode_fl(0, 0, &capacity, kTestModule, kSite, __LINE__);
-            if (node != nullptr &&
-                MBUF_AllocateCluster_fl(node, static_cast<std::int32_t>(spec.bufSize), kTestModule,
-                                        kSite, __LINE__) != 0) {
-                MBUF_S *lone = node;
-                MBUF_Free(lone, nullptr);
-                return nullptr;
-            }
-            capacity = spec.bufSize;
-            break;
+    const std::uint32_t ask = spec.storage == Storage::Cluster ? MBUF_PKTHDR_INLINE_LEN + 1 : 0;
+    MBUF_S *node =
+        head ? MBUF_AllocateMBufHeader_fl(ask, 0, pulCapacity, kTestModule, kSite, __LINE__)
+             : MBUF_AllocateMBufNode_fl(ask, 0, pulCapacity, kTestModule, kSite, __LINE__);
+    if (node != nullptr && spec.storage == Storage::Exact) {
+        if (MBUF_AllocateCluster_fl(node, static_cast<std::int32_t>(spec.bufSize), kTestModule,
+                                    kSite, __LINE__) != 0) {
+            MBUF_Free(node, nullptr);
+            return nullptr;
+        }
+        *pulCapacity = spec.bufSize;
     }
-    if (node == nullptr) {
-        return nullptr;
+    if (node != nullptr) {
+        *pucStorage = (node->ulFlag & MBUF_EXT) != 0
+                          ? node->pucExtBuf
+                          : (head ? node->aucHdrInlineData : node->aucInlineData);
     }
-    *pucStorage = (node->ulFlag & MBUF_EXT) != 0
-                      ? node->pucExtBuf
-                      : (head ? node->aucHdrInlineData : node->aucInlineData);
-    *pulCapacity = capacity;
     return node;
 }
 
@@ -110,17 +97,8 @@ MBUF_S *BuildChain(const std::vector<NodeSpec> &nodes, std::uint32_t seed) {
     return head;
 }
 
-MBUF_S *BuildUniformChain(std::uint32_t nodeCount, std::uint32_t perNode, std::uint32_t seed) {
-    std::vector<NodeSpec> rows(nodeCount, InlineNode(perNode));
-    return BuildChain(rows, seed);
-}
-
 std::vector<std::uint8_t> Flatten(const MBUF_S *pstMbuf) {
-    std::vector<std::uint8_t> out;
-    for (const MBUF_S *node = pstMbuf; node != nullptr; node = node->pstNext) {
-        out.insert(out.end(), node->pucData, node->pucData + node->ulDataLen);
-    }
-    return out;
+    return PacketBytes(pstMbuf);
 }
 
 std::uint32_t NodeCount(const MBUF_S *pstMbuf) {

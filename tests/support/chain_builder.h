@@ -64,9 +64,6 @@ std::vector<std::uint8_t> Payload(std::uint32_t len, std::uint32_t seed = 0,
 // be made or a row does not fit its storage.
 MBUF_S *BuildChain(const std::vector<NodeSpec> &nodes, std::uint32_t seed = 0);
 
-// A packet of nodeCount inline nodes holding perNode bytes each.
-MBUF_S *BuildUniformChain(std::uint32_t nodeCount, std::uint32_t perNode, std::uint32_t seed = 0);
-
 // The packet's data in order, read node by node along pstNext.
 std::vector<std::uint8_t> Flatten(const MBUF_S *pstMbuf);
 
