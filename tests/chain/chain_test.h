@@ -52,7 +52,7 @@ inline Bytes Cat(Bytes front, const Bytes &back) {
 }
 
 // Every range between two interesting offsets of the rows, empty ones included.
-inline std::vector<Range> Ranges(const std::vector<NodeSpec> &rows) {
+inline std::vector<Range> Ranges(const std::vector<NodeRow> &rows) {
     const std::vector<std::uint32_t> points = InterestingOffsets(rows);
     std::vector<Range> out;
     for (std::uint32_t from : points) {
@@ -95,7 +95,7 @@ inline int RecordMark(MBUF_S *m) {
 // `records`) while each allocation in turn fails: a failed run leaves the
 // packet as it was. The run without a fault goes to done, which releases
 // whatever op made. Returns the number of failed runs.
-inline std::uint32_t SweepPacket(const std::vector<NodeSpec> &rows, bool records,
+inline std::uint32_t SweepPacket(const std::vector<NodeRow> &rows, bool records,
                                  const std::function<bool(MBUF_S *)> &op,
                                  const std::function<void(MBUF_S *, const Bytes &)> &done) {
     SCOPED_TRACE(testing::Message()
@@ -130,7 +130,7 @@ class ChainTest : public HostTest {};
 // Runs once per standard shape; Build() makes a fresh packet of it.
 class ShapeTest : public HostTest, public ::testing::WithParamInterface<ChainShape> {
   protected:
-    const std::vector<NodeSpec> &Rows() const { return GetParam().nodes; }
+    const std::vector<NodeRow> &Rows() const { return GetParam().nodes; }
     std::uint32_t Total() const { return ShapeLength(Rows()); }
     MBUF_S *Build(std::uint32_t seed = 0) const { return BuildChain(Rows(), seed); }
 };

@@ -166,8 +166,8 @@ TEST_F(ContiguityTest, ContiguityFailsCleanlyAtEveryAllocation) {
 
 // A packet of `nodes` nodes holding `total` bytes between them, inline where
 // the share fits.
-std::vector<NodeSpec> ManyNodes(std::uint32_t nodes, std::uint32_t total) {
-    std::vector<NodeSpec> rows;
+std::vector<NodeRow> ManyNodes(std::uint32_t nodes, std::uint32_t total) {
+    std::vector<NodeRow> rows;
     for (std::uint32_t i = 0; i < nodes; ++i) {
         const std::uint32_t share = total / nodes + (i < total % nodes ? 1 : 0);
         const std::uint32_t room = i == 0 ? MBUF_PKTHDR_INLINE_LEN : MBUF_PLAIN_INLINE_LEN;
@@ -180,14 +180,14 @@ std::vector<NodeSpec> ManyNodes(std::uint32_t nodes, std::uint32_t total) {
 // re-packed into one buffer, and one further node past 63900 bytes.
 TEST_F(ContiguityTest, CompressRepacksMoreThanNinetyBlocks) {
     // A cluster head, 43 cluster nodes and two inline nodes: 90 blocks.
-    std::vector<NodeSpec> ninety{ClusterNode(10, 100)};
+    std::vector<NodeRow> ninety{ClusterNode(10, 100)};
     ninety.insert(ninety.end(), 43, ClusterNode(30));
     ninety.insert(ninety.end(), 2, InlineNode(5));
-    std::vector<NodeSpec> ninetyOne = ninety;
+    std::vector<NodeRow> ninetyOne = ninety;
     ninetyOne.push_back(InlineNode(5));
     struct Case {
         const char *name;
-        std::vector<NodeSpec> rows;
+        std::vector<NodeRow> rows;
         uint32_t rc;
         Lens lengths;  // empty: unchanged
     };

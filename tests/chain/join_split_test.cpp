@@ -69,7 +69,7 @@ TEST_P(JoinShapeTest, SplitOfAPlainChainReturnsTheRest) {
     if (Rows().size() < 2) {
         return;  // a one-node packet has no plain chain behind its head
     }
-    const std::vector<NodeSpec> rows(Rows().begin() + 1, Rows().end());
+    const std::vector<NodeRow> rows(Rows().begin() + 1, Rows().end());
     for (std::uint32_t at : InterestingOffsets(rows)) {
         SCOPED_TRACE(at);
         MBUF_S *m = Build();
@@ -96,7 +96,7 @@ class JoinSplitTest : public ChainTest {};
 // its records.
 TEST_F(JoinSplitTest, ConcatenateCopiesSmallDataIntoInlineRoomOnly) {
     struct Case {
-        std::vector<NodeSpec> dst, src;
+        std::vector<NodeRow> dst, src;
         Lens lengths;
     };
     const Case cases[] = {
@@ -137,7 +137,7 @@ TEST_F(JoinSplitTest, ConcatenateCopiesSmallDataIntoInlineRoomOnly) {
 // 4-byte boundary; one too long for it follows an empty new head in a plain
 // node; an external one gets a buffer of its own behind 64 bytes of room.
 TEST_F(JoinSplitTest, SplitPlacesTheRemainder) {
-    const auto split = [](const std::vector<NodeSpec> &rows, std::uint32_t at, auto check) {
+    const auto split = [](const std::vector<NodeRow> &rows, std::uint32_t at, auto check) {
         SCOPED_TRACE(testing::Message() << "split at " << at);
         MBUF_S *m = BuildChain(rows);
         MBUF_S *second = MBUF_Split(m, at, kTestModule, nullptr);

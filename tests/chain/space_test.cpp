@@ -9,8 +9,8 @@ namespace {
 constexpr const char *kFile = "space_test";
 
 // Free bytes behind the data of the last row's node.
-std::uint32_t LastTailRoom(const std::vector<NodeSpec> &rows) {
-    const NodeSpec &last = rows.back();
+std::uint32_t LastTailRoom(const std::vector<NodeRow> &rows) {
+    const NodeRow &last = rows.back();
     std::uint32_t capacity = last.bufSize;
     if (last.storage == Storage::Inline) {
         capacity = rows.size() == 1 ? MBUF_PKTHDR_INLINE_LEN : MBUF_PLAIN_INLINE_LEN;

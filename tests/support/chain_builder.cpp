@@ -15,19 +15,19 @@ constexpr const char *kSite = "chain_builder";
 // Allocates the node of one row; *pucStorage and *pulCapacity describe where
 // its data may lie. A cluster row asks for more than the head's inline area,
 // which gets a standard cluster for either kind of node.
-MBUF_S *MakeNode(const NodeSpec &spec, bool head, std::uint8_t **pucStorage,
+MBUF_S *MakeNode(const NodeRow &row, bool head, std::uint8_t **pucStorage,
                  std::uint32_t *pulCapacity) {
-    const std::uint32_t ask = spec.storage == Storage::Cluster ? MBUF_PKTHDR_INLINE_LEN + 1 : 0;
+    const std::uint32_t ask = row.storage == Storage::Cluster ? MBUF_PKTHDR_INLINE_LEN + 1 : 0;
     MBUF_S *node =
         head ? MBUF_AllocateMBufHeader_fl(ask, 0, pulCapacity, kTestModule, kSite, __LINE__)
              : MBUF_AllocateMBufNode_fl(ask, 0, pulCapacity, kTestModule, kSite, __LINE__);
-    if (node != nullptr && spec.storage == Storage::Exact) {
-        if (MBUF_AllocateCluster_fl(node, static_cast<std::int32_t>(spec.bufSize), kTestModule,
+    if (node != nullptr && row.storage == Storage::Exact) {
+        if (MBUF_AllocateCluster_fl(node, static_cast<std::int32_t>(row.bufSize), kTestModule,
                                     kSite, __LINE__) != 0) {
             MBUF_Free(node, nullptr);
             return nullptr;
         }
-        *pulCapacity = spec.bufSize;
+        *pulCapacity = row.bufSize;
     }
     if (node != nullptr) {
         *pucStorage = (node->ulFlag & MBUF_EXT) != 0
@@ -58,16 +58,16 @@ std::vector<std::uint8_t> Payload(std::uint32_t len, std::uint32_t seed, std::ui
     return out;
 }
 
-MBUF_S *BuildChain(const std::vector<NodeSpec> &nodes, std::uint32_t seed) {
+MBUF_S *BuildChain(const std::vector<NodeRow> &nodes, std::uint32_t seed) {
     MBUF_S *head = nullptr;
     MBUF_S *prev = nullptr;
     std::uint32_t pos = 0;
     for (std::size_t i = 0; i < nodes.size(); ++i) {
-        const NodeSpec &spec = nodes[i];
+        const NodeRow &row = nodes[i];
         std::uint8_t *storage = nullptr;
         std::uint32_t capacity = 0;
-        MBUF_S *node = MakeNode(spec, i == 0, &storage, &capacity);
-        if (node == nullptr || spec.headRoom + spec.dataLen > capacity) {
+        MBUF_S *node = MakeNode(row, i == 0, &storage, &capacity);
+        if (node == nullptr || row.headRoom + row.dataLen > capacity) {
             ADD_FAILURE() << "row " << i << " cannot be built (capacity " << capacity << ")";
             if (node != nullptr) {
                 MBUF_Free(node, nullptr);
@@ -78,12 +78,12 @@ MBUF_S *BuildChain(const std::vector<NodeSpec> &nodes, std::uint32_t seed) {
             return nullptr;
         }
         std::memset(storage, kPoison, capacity);
-        node->pucData = storage + spec.headRoom;
-        node->ulDataLen = spec.dataLen;
-        for (std::uint32_t b = 0; b < spec.dataLen; ++b) {
+        node->pucData = storage + row.headRoom;
+        node->ulDataLen = row.dataLen;
+        for (std::uint32_t b = 0; b < row.dataLen; ++b) {
             node->pucData[b] = PayloadByte(pos + b, seed);
         }
-        pos += spec.dataLen;
+        pos += row.dataLen;
         if (prev == nullptr) {
             head = node;
         } else {
@@ -109,26 +109,26 @@ std::uint32_t NodeCount(const MBUF_S *pstMbuf) {
     return n;
 }
 
-std::uint32_t ShapeLength(const std::vector<NodeSpec> &nodes) {
+std::uint32_t ShapeLength(const std::vector<NodeRow> &nodes) {
     std::uint32_t total = 0;
-    for (const NodeSpec &spec : nodes) {
-        total += spec.dataLen;
+    for (const NodeRow &row : nodes) {
+        total += row.dataLen;
     }
     return total;
 }
 
-std::vector<std::uint32_t> InterestingOffsets(const std::vector<NodeSpec> &nodes) {
+std::vector<std::uint32_t> InterestingOffsets(const std::vector<NodeRow> &nodes) {
     const std::uint32_t total = ShapeLength(nodes);
     std::vector<std::uint32_t> out{0, 1, total};
     std::uint32_t pos = 0;
-    for (const NodeSpec &spec : nodes) {
-        for (std::uint32_t d : {0u, 1u, spec.dataLen / 2, spec.dataLen - (spec.dataLen ? 1 : 0)}) {
+    for (const NodeRow &row : nodes) {
+        for (std::uint32_t d : {0u, 1u, row.dataLen / 2, row.dataLen - (row.dataLen ? 1 : 0)}) {
             out.push_back(pos + d);
         }
         if (pos > 0) {
             out.push_back(pos - 1);
         }
-        pos += spec.dataLen;
+        pos += row.dataLen;
         out.push_back(pos);
         out.push_back(pos + 1);
     }

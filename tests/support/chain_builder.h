@@ -22,10 +22,10 @@ inline constexpr std::uint32_t kTestModule = 0x4B52;
 enum class Storage : std::uint8_t {
     Inline,   // the node's own area: 372 bytes for the head, 848 for others
     Cluster,  // a standard 1960-byte external buffer
-    Exact     // an external buffer of NodeSpec::bufSize bytes (above 1960)
+    Exact     // an external buffer of NodeRow::bufSize bytes (above 1960)
 };
 
-struct NodeSpec {
+struct NodeRow {
     Storage storage = Storage::Inline;
     std::uint32_t headRoom = 0;  // free bytes in front of the data
     std::uint32_t dataLen = 0;
@@ -34,22 +34,21 @@ struct NodeSpec {
 
 struct ChainShape {
     std::string name;
-    std::vector<NodeSpec> nodes;
+    std::vector<NodeRow> nodes;
 };
 
 // Names a shape in test output.
 void PrintTo(const ChainShape &shape, std::ostream *os);
 
 // Shorthands for table rows.
-inline NodeSpec InlineNode(std::uint32_t dataLen, std::uint32_t headRoom = 0) {
-    return NodeSpec{Storage::Inline, headRoom, dataLen, 0};
+inline NodeRow InlineNode(std::uint32_t dataLen, std::uint32_t headRoom = 0) {
+    return NodeRow{Storage::Inline, headRoom, dataLen, 0};
 }
-inline NodeSpec ClusterNode(std::uint32_t dataLen, std::uint32_t headRoom = 0) {
-    return NodeSpec{Storage::Cluster, headRoom, dataLen, 0};
+inline NodeRow ClusterNode(std::uint32_t dataLen, std::uint32_t headRoom = 0) {
+    return NodeRow{Storage::Cluster, headRoom, dataLen, 0};
 }
-inline NodeSpec ExactNode(std::uint32_t bufSize, std::uint32_t dataLen,
-                          std::uint32_t headRoom = 0) {
-    return NodeSpec{Storage::Exact, headRoom, dataLen, bufSize};
+inline NodeRow ExactNode(std::uint32_t bufSize, std::uint32_t dataLen, std::uint32_t headRoom = 0) {
+    return NodeRow{Storage::Exact, headRoom, dataLen, bufSize};
 }
 
 // Data byte i of a packet built with the given seed.
@@ -62,7 +61,7 @@ std::vector<std::uint8_t> Payload(std::uint32_t len, std::uint32_t seed = 0,
 // A packet of the given nodes (the first becomes the packet head) whose data
 // is Payload(total, seed). Fails the test and returns NULL when a node cannot
 // be made or a row does not fit its storage.
-MBUF_S *BuildChain(const std::vector<NodeSpec> &nodes, std::uint32_t seed = 0);
+MBUF_S *BuildChain(const std::vector<NodeRow> &nodes, std::uint32_t seed = 0);
 
 // The packet's data in order, read node by node along pstNext.
 std::vector<std::uint8_t> Flatten(const MBUF_S *pstMbuf);
@@ -71,12 +70,12 @@ std::vector<std::uint8_t> Flatten(const MBUF_S *pstMbuf);
 std::uint32_t NodeCount(const MBUF_S *pstMbuf);
 
 // The total of a row.
-std::uint32_t ShapeLength(const std::vector<NodeSpec> &nodes);
+std::uint32_t ShapeLength(const std::vector<NodeRow> &nodes);
 
 // Packet positions worth cutting, copying or splitting at: 0, the end, every
 // node boundary and its neighbours, and a few points inside nodes; sorted,
 // without duplicates, all within [0, total].
-std::vector<std::uint32_t> InterestingOffsets(const std::vector<NodeSpec> &nodes);
+std::vector<std::uint32_t> InterestingOffsets(const std::vector<NodeRow> &nodes);
 
 // The table of shapes every chain test runs over: inline and external nodes,
 // empty nodes, one-byte nodes, head room, odd data addresses.
