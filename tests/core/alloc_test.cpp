@@ -1,6 +1,7 @@
 #include <algorithm>
 #include <cstring>
 #include <string>
+#include <tuple>
 
 #include "core_test_util.h"
 #include "krm_mbuf/platform.h"
@@ -14,13 +15,7 @@ class AllocTest : public HostTest {};
 // size; a plain node never more than a cluster. Node and buffer carry the
 // caller's owner and site, and nothing stale from a reused chunk.
 TEST_F(AllocTest, NodesTakeInlineClusterOrExactStorage) {
-    struct Row {
-        bool header;
-        std::uint32_t size;
-        std::uint32_t capacity;
-        const char *shape;
-    };
-    const Row rows[] = {
+    const std::tuple<bool, std::uint32_t, std::uint32_t, const char *> rows[] = {
         {true, 372, 372, "hdr inline +0 len 0"},
         {true, 373, 1960, "hdr ext 1960 +0 len 0"},
         {true, 1960, 1960, "hdr ext 1960 +0 len 0"},
@@ -29,17 +24,17 @@ TEST_F(AllocTest, NodesTakeInlineClusterOrExactStorage) {
         {false, 373, 1960, "plain ext 1960 +0 len 0"},
         {false, 5000, 1960, "plain ext 1960 +0 len 0"},
     };
-    for (const Row &r : rows) {
-        SCOPED_TRACE(r.size);
+    for (const auto &[header, size, capacity, shape] : rows) {
+        SCOPED_TRACE(size);
         void *stale = MBUF_MemAlloc_fl(MBUF_NODE_SIZE, kModule, nullptr);
         std::memset(stale, 0xA5, MBUF_NODE_SIZE);
         MBUF_MemFree_fl(stale, nullptr);
-        std::uint32_t capacity = 0;
-        MBUF_S *node = (r.header ? MBUF_AllocateMBufHeader_fl : MBUF_AllocateMBufNode_fl)(
-            r.size, 0, &capacity, kModule, kFile, 12);
+        std::uint32_t given = 0;
+        MBUF_S *node = (header ? MBUF_AllocateMBufHeader_fl : MBUF_AllocateMBufNode_fl)(
+            size, 0, &given, kModule, kFile, 12);
         ASSERT_NE(node, nullptr);
-        EXPECT_EQ(capacity, r.capacity);
-        EXPECT_EQ(Shape(node), r.shape);
+        EXPECT_EQ(given, capacity);
+        EXPECT_EQ(Shape(node), shape);
         EXPECT_EQ(node->usType, MBUF_TYPE_DATA);
         ExpectSite(node, MBUF_NODE_SIZE, 12);
         if (HasExt(node)) {
@@ -49,7 +44,7 @@ TEST_F(AllocTest, NodesTakeInlineClusterOrExactStorage) {
                           node->aulExtInfoRsv[1] | node->aulExtInfoRsv[2],
                       0u);
         }
-        if (r.header) {
+        if (header) {
             ExpectValid(node);
         }
         MBUF_Free(node, nullptr);
@@ -60,14 +55,9 @@ TEST_F(AllocTest, NodesTakeInlineClusterOrExactStorage) {
 // replacement that then fails leaves the node without any, and no pointer
 // into the released one.
 TEST_F(AllocTest, ClusterReplacesStorageButKeepsLengthAndLeadingWords) {
-    struct Row {
-        bool startExt;
-        std::int32_t size;
-        bool fault;
-        const char *shape;  // after the call
-        int liveChange;
-    };
-    const Row rows[] = {
+    // Starting on a cluster or inline, the size asked for, whether the
+    // allocation fails, the shape after the call and the live buffers added.
+    const std::tuple<bool, std::int32_t, bool, const char *, int> rows[] = {
         {false, 0, false, "plain inline +0 len 77", 0},
         {false, -5, false, "plain inline +0 len 77", 0},
         {true, -1, false, "plain ext 1960 +0 len 77", 0},
@@ -76,20 +66,20 @@ TEST_F(AllocTest, ClusterReplacesStorageButKeepsLengthAndLeadingWords) {
         {true, 3000, false, "plain ext 3000 +0 len 77", 0},
         {true, 3000, true, "plain inline +0 len 77", -1},
     };
-    for (const Row &r : rows) {
-        SCOPED_TRACE(std::to_string(r.size) + (r.startExt ? " on a cluster" : " on inline") +
-                     (r.fault ? ", failing" : ""));
-        MBUF_S *node = PlainNode(r.startExt ? 1000 : 0);
+    for (const auto &[startExt, size, fault, shape, liveChange] : rows) {
+        SCOPED_TRACE(std::to_string(size) + (startExt ? " on a cluster" : " on inline") +
+                     (fault ? ", failing" : ""));
+        MBUF_S *node = PlainNode(startExt ? 1000 : 0);
         node->ulDataLen = 77;
         node->aulExtInfoRsv[1] = 0xABCD;
         const MBUF_S before = *node;
         const std::uint32_t live = KRM_HOST_LiveBufferCount();
-        KRM_HOST_FailNthAlloc(r.fault ? 1 : 0);
-        const bool made = r.size > 0 && !r.fault;
-        EXPECT_EQ(MBUF_AllocateCluster_fl(node, r.size, kModule, kFile, 2), made ? 0 : -1);
-        EXPECT_EQ(Shape(node), r.shape);
-        EXPECT_EQ(KRM_HOST_LiveBufferCount(), live + r.liveChange);
-        if (r.size <= 0) {
+        KRM_HOST_FailNthAlloc(fault ? 1 : 0);
+        const bool made = size > 0 && !fault;
+        EXPECT_EQ(MBUF_AllocateCluster_fl(node, size, kModule, kFile, 2), made ? 0 : -1);
+        EXPECT_EQ(Shape(node), shape);
+        EXPECT_EQ(KRM_HOST_LiveBufferCount(), live + liveChange);
+        if (size <= 0) {
             EXPECT_EQ(std::memcmp(node, &before, sizeof(before)), 0) << "refused call changed it";
         } else if (made) {
             EXPECT_EQ(node->ulExtRefCnt, 1u);
@@ -129,26 +119,22 @@ class MemAdapterTest : public HostTest {};
 // Shrinking drops the contents; growing, the same size or nothing to keep
 // (old length 0) carry them.
 TEST_F(MemAdapterTest, ReallocKeepsContentsOnlyWhenNotShrinkingAndFreeReportsNonBuffers) {
-    struct Row {
-        std::uint32_t oldLen;
-        std::uint32_t newLen;
-        bool kept;
-    };
     std::uint32_t seed = 0;
-    for (const Row r :
-         {Row{100, 200, true}, Row{100, 100, true}, Row{100, 50, false}, Row{0, 50, true}}) {
-        SCOPED_TRACE(std::to_string(r.oldLen) + " -> " + std::to_string(r.newLen));
+    const std::tuple<std::uint32_t, std::uint32_t, bool> rows[] = {
+        {100, 200, true}, {100, 100, true}, {100, 50, false}, {0, 50, true}};
+    for (const auto &[oldLen, newLen, kept] : rows) {
+        SCOPED_TRACE(std::to_string(oldLen) + " -> " + std::to_string(newLen));
         // A new pattern each time: a recycled buffer must not pass for a copy.
-        const std::vector<std::uint8_t> pattern = Pattern(r.oldLen, ++seed);
-        void *buf = r.oldLen ? MBUF_MemAlloc_fl(r.oldLen, kModule, nullptr) : nullptr;
+        const std::vector<std::uint8_t> pattern = Pattern(oldLen, ++seed);
+        void *buf = oldLen ? MBUF_MemAlloc_fl(oldLen, kModule, nullptr) : nullptr;
         auto *const old = static_cast<std::uint8_t *>(buf);
         std::copy(pattern.begin(), pattern.end(), old);
-        ASSERT_EQ(MBUF_MemRealloc_fl(&buf, r.oldLen, r.newLen, kModule, nullptr), 0u);
+        ASSERT_EQ(MBUF_MemRealloc_fl(&buf, oldLen, newLen, kModule, nullptr), 0u);
         KRM_HOST_BUF_INFO_S gone{};
         EXPECT_NE(KRM_HOST_BufferInfo(old, &gone), 0u) << "old buffer released";
-        EXPECT_EQ(InfoOf(buf).ulLen, r.newLen);
+        EXPECT_EQ(InfoOf(buf).ulLen, newLen);
         const auto *bytes = static_cast<const std::uint8_t *>(buf);
-        EXPECT_EQ(std::equal(bytes, bytes + std::min(r.oldLen, r.newLen), pattern.begin()), r.kept);
+        EXPECT_EQ(std::equal(bytes, bytes + std::min(oldLen, newLen), pattern.begin()), kept);
         MBUF_MemFree_fl(buf, nullptr);
     }
     EXPECT_EQ(MBUF_MemRealloc_fl(nullptr, 0, 20, kModule, nullptr), 1u);

@@ -2,6 +2,7 @@
 #include <cstring>
 #include <functional>
 #include <string>
+#include <tuple>
 
 #include "core_test_util.h"
 #include "krm_mbuf/mbuf_debug.h"
@@ -61,12 +62,9 @@ TEST_F(DebugTest, EachCorruptedFieldIsNamed) {
     const std::uint16_t bigLen = 200;
     // The checker's code and reason for each corruption; the reason names the
     // case.
-    struct Corruption {
-        std::function<void(N, B)> apply;
-        std::uint32_t code;
-        std::string reason;
-    };
-    const Corruption cases[] = {
+    const std::tuple<std::function<void(N, B)>, std::uint32_t, std::string> cases[] = {
+        {[](N n, B) { n[0]->ucMagic = MBUF_MAGIC_DEAD; }, MBUF_DBG_ERR_MAGIC,
+         "node 0: magic 0xbb, not 0xaa"},
         {[](N n, B) { n[2]->ucMagic = 0; }, MBUF_DBG_ERR_MAGIC, "node 2: magic 0x00, not 0xaa"},
         {[](N n, B) { n[0]->ulFlag &= ~MBUF_PKTHDR; }, MBUF_DBG_ERR_PKTHDR,
          "node 0: head without MBUF_PKTHDR"},
@@ -87,6 +85,7 @@ TEST_F(DebugTest, EachCorruptedFieldIsNamed) {
         {[](N n, B) { n[0]->ulTotalDataLen = 2000; }, MBUF_DBG_ERR_TOTAL_LEN,
          "total 2000 != sum of nodes 2110"},
         {[](N n, B) { n[2]->pstNext = n[1]; }, MBUF_DBG_ERR_CYCLE, "node 2 links back to node 1"},
+        {[](N n, B) { n[0]->pstNext = n[0]; }, MBUF_DBG_ERR_CYCLE, "node 0 links back to node 0"},
         {[](N, B b) { b->ucBlkMark = 0x41; }, MBUF_DBG_ERR_CTL_HEAD, "block: mark 0x41, not 0x40"},
         {[](N, B b) { b->ucSlotNum = 22; }, MBUF_DBG_ERR_CTL_HEAD, "block: 22 slots, not 23"},
         {[](N, B b) { b->ucByteOrder = 7; }, MBUF_DBG_ERR_CTL_HEAD, "block: byte order 7"},
@@ -114,12 +113,12 @@ TEST_F(DebugTest, EachCorruptedFieldIsNamed) {
     // the head).
     MBUF_S pristine[3];
     for (int i = 0; i < 3; ++i) pristine[i] = *node_[i];
-    for (const Corruption &c : cases) {
-        SCOPED_TRACE(c.reason);
-        c.apply(node_, Blk());
+    for (const auto &[corrupt, code, reason] : cases) {
+        SCOPED_TRACE(reason);
+        corrupt(node_, Blk());
         const CheckResult result = Check(head_);
-        EXPECT_EQ(result.code, c.code);
-        EXPECT_EQ(result.reason, c.reason);
+        EXPECT_EQ(result.code, code);
+        EXPECT_EQ(result.reason, reason);
         for (int i = 0; i < 3; ++i) *node_[i] = pristine[i];
         ExpectValid(head_);
     }

@@ -1,5 +1,5 @@
 // Every allocating operation of the buffer core, failed at its 1st, 2nd, ...
-// allocation: the documented failure result, nothing left behind, and the
+// allocation: the promised failure result, nothing left behind, and the
 // input as the operation promises after a failure.
 #include <cstring>
 #include <functional>

@@ -1,6 +1,7 @@
 #include <array>
 #include <cstddef>
 #include <cstring>
+#include <tuple>
 
 #include "core_test_util.h"
 
@@ -69,23 +70,17 @@ TEST_F(NodeTest, InitLaysOutTheNodeAndLeavesExternalWords) {
 }
 
 TEST_F(NodeTest, VerifyOrdersItsChecksNullMagicHeader) {
-    struct Row {
-        const char *name;
-        std::uint32_t flag;
-        std::uint8_t magic;
-        std::uint32_t expected;
-    };
-    const Row rows[] = {
+    const std::tuple<const char *, std::uint32_t, std::uint8_t, std::uint32_t> rows[] = {
         {"live head", MBUF_PKTHDR, MBUF_MAGIC_LIVE, MBUF_OK},
         {"live plain", 0, MBUF_MAGIC_LIVE, MBUF_ERR_NOT_PKTHDR},
         {"destroyed head", MBUF_PKTHDR, MBUF_MAGIC_DEAD, MBUF_ERR_INVALID_MBUF},
         {"garbage plain", 0, 0x00, MBUF_ERR_INVALID_MBUF},
     };
-    for (const Row &r : rows) {
+    for (const auto &[name, flag, magic, expected] : rows) {
         MBUF_S node;
-        InitNode(&node, r.flag);
-        node.ucMagic = r.magic;
-        EXPECT_EQ(MBUF_Rcving_Verify(&node), r.expected) << r.name;
+        InitNode(&node, flag);
+        node.ucMagic = magic;
+        EXPECT_EQ(MBUF_Rcving_Verify(&node), expected) << name;
     }
     EXPECT_EQ(MBUF_Rcving_Verify(nullptr), MBUF_ERR_NULL_MBUF);
 }

@@ -7,31 +7,25 @@ namespace {
 
 class ReleaseTest : public HostTest {};
 
-TEST_F(ReleaseTest, DestroyIgnoresWhatIsNotAPacketHead) {
-    MBUF_S *plain = PlainNode(0);
-    ASSERT_NE(plain, nullptr);
-    MBUF_Destroy_fl(plain, kFile, 1);
-    MBUF_Destroy(nullptr);
-    EXPECT_EQ(KRM_HOST_LiveBufferCount(), 1u);
-    EXPECT_EQ(plain->ucMagic, MBUF_MAGIC_LIVE);
-    MBUF_Free(plain, nullptr);
-    EXPECT_TRUE(Reports().empty());
-}
-
 // Every node, buffer and the separate block go; the packet linked behind
-// the head stays.
+// the head stays, and what is not a packet head is left alone.
 TEST_F(ReleaseTest, DestroyReleasesTheWholePacketAndNothingElse) {
     const std::vector<std::uint8_t> src = Pattern(100000);
-    MBUF_S *m = MBUF_CreateMbufWithBufferData(src.data(), 100000, 0, 0, nullptr, kModule, nullptr);
+    MBUF_S *m = WithData(src.data(), 100000);
     MBUF_S *next = MBUF_CreateForControlPacket(0, 10, 0, kModule);
-    ASSERT_TRUE(m && next);
+    MBUF_S *plain = PlainNode(0);
+    ASSERT_TRUE(m && next && plain);
     ASSERT_EQ(MBUF_CreateControlInfo(m, MBUF_CTL_STACKDEBUG, 1000, kModule), 0u);
     ASSERT_NE(m->pstCtlInfo, &m->stCtlInfo.stBlk);
     MBUF_SetNextPktPtr(m, next);
     MBUF_Destroy(m);
-    EXPECT_EQ(KRM_HOST_LiveBufferCount(), 1u);
+    MBUF_Destroy_fl(plain, kFile, 1);
+    MBUF_Destroy(nullptr);
+    EXPECT_EQ(KRM_HOST_LiveBufferCount(), 2u);
+    EXPECT_EQ(plain->ucMagic, MBUF_MAGIC_LIVE);
     ExpectValid(next);
     MBUF_Destroy(next);
+    MBUF_Free(plain, nullptr);
     EXPECT_TRUE(Reports().empty());
 }
 

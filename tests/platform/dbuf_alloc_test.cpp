@@ -24,24 +24,56 @@ class DbufAllocTest : public HostTest {};
 constexpr std::uint32_t kLengths[] = {0,   1,   16,   447,  448,  449,  935,
                                       936, 937, 1959, 1960, 1961, 4096, 70000};
 
+std::string DumpLine(const void *p, std::uint32_t len, std::uint32_t owner, const char *file,
+                     std::uint32_t line) {
+    char text[160];
+    (void)std::snprintf(text, sizeof(text), "%p len %" PRIu32 " owner 0x%08" PRIx32 " %s:%" PRIu32,
+                        p, len, owner, file, line);
+    return text;
+}
+
 // Enough buffers of each size to need a second slab of the small class: each
-// aligned, exactly as long as asked (AddressSanitizer checks the edges),
-// apart from all others, and without a length once released.
-TEST_F(DbufAllocTest, BuffersOfEverySizeAreExactAlignedAndApart) {
+// aligned, exactly as long as asked (AddressSanitizer checks the edges) and
+// apart from all others. What the fixture's leak check rests on: every live
+// buffer is counted, visited and dumped with its length, owner and site.
+TEST_F(DbufAllocTest, BuffersOfEverySizeAreExactApartAndAccountedFor) {
     std::vector<std::pair<unsigned char *, std::uint32_t>> live;
     std::set<void *> distinct;
+    std::vector<std::string> dumped;
+    std::vector<std::string> visited;
     for (std::uint32_t round = 0; round < 600; ++round) {
         const std::uint32_t len = kLengths[round % std::size(kLengths)];
         const bool priv = round % 3 == 0;
-        auto *p = static_cast<unsigned char *>(priv ? AllocPriv(len) : AllocDbuf(len));
+        void *made = priv ? AllocPriv(len, kModule + round, 1000 + round)
+                          : AllocDbuf(len, kModule + round, 1000 + round);
+        auto *p = static_cast<unsigned char *>(made);
         ASSERT_NE(p, nullptr);
         EXPECT_TRUE(distinct.insert(p).second) << "handed out twice";
         EXPECT_EQ(reinterpret_cast<std::uintptr_t>(p) % 16, 0u);
         EXPECT_EQ(KRM_DbufLengthGET(p), priv ? 0u : len) << "a length for pipe buffers only";
         std::memset(p, static_cast<int>(round & 0xFF), len);
         live.emplace_back(p, len);
+        dumped.push_back(DumpLine(p, len, kModule + round, kAllocFile, 1000 + round) + "\n");
+        visited.push_back(dumped.back() + (priv ? "private" : "pipe"));
     }
     EXPECT_EQ(KRM_HOST_LiveBufferCount(), live.size());
+    std::vector<std::string> seen;
+    EXPECT_EQ(KRM_HOST_VisitLiveBuffers(
+                  [](const KRM_HOST_BUF_INFO_S *i, void *arg) {
+                      static_cast<std::vector<std::string> *>(arg)->push_back(
+                          DumpLine(i->pBuf, i->ulLen, i->ulOwner, i->pcFile, i->ulLine) + "\n" +
+                          (i->ulKind == KRM_HOST_BUF_PRIV ? "private" : "pipe"));
+                  },
+                  &seen),
+              live.size());
+    const TempFile out = OpenTempFile();
+    EXPECT_EQ(KRM_HOST_DumpLiveBuffers(out.get()), live.size());
+    std::vector<std::string> lines = LinesOf(out.get());
+    for (auto *v : {&dumped, &visited, &seen, &lines}) {
+        std::sort(v->begin(), v->end());
+    }
+    EXPECT_EQ(seen, visited);
+    EXPECT_EQ(lines, dumped);
     for (std::size_t i = 0; i < live.size(); ++i) {
         const auto [p, len] = live[i];
         EXPECT_TRUE(std::all_of(p, p + len, [&](unsigned char c) { return c == (i & 0xFF); }))
@@ -49,6 +81,7 @@ TEST_F(DbufAllocTest, BuffersOfEverySizeAreExactAlignedAndApart) {
         EXPECT_EQ(i % 3 == 0 ? FreePriv(p) : FreeDbuf(p), 0u);
         EXPECT_EQ(KRM_DbufLengthGET(p), 0u);
     }
+    EXPECT_EQ(KRM_HOST_VisitLiveBuffers(nullptr, nullptr), 0u);
 }
 
 // (start, length, owner, kind, file, line, control flag, trace id) from the
@@ -215,55 +248,6 @@ TEST_F(DbufAllocTest, EveryBadReleaseIsReportedOnceAndIgnored) {
     KRM_HOST_ReportClear();
     EXPECT_NE(FreePriv(nullptr), 0u);
     EXPECT_EQ(KRM_HOST_ReportCount(), 0u);
-}
-
-std::string DumpLine(const void *p, std::uint32_t len, std::uint32_t owner, const char *file,
-                     std::uint32_t line) {
-    char text[160];
-    (void)std::snprintf(text, sizeof(text), "%p len %" PRIu32 " owner 0x%08" PRIx32 " %s:%" PRIu32,
-                        p, len, owner, file, line);
-    return text;
-}
-
-// What the fixture's leak check rests on: every live buffer is counted,
-// visited and dumped with its length, owner and allocation site.
-TEST_F(DbufAllocTest, LiveBuffersAreCountedVisitedAndDumpedWithTheirSite) {
-    std::vector<std::pair<void *, bool>> made;
-    std::vector<std::string> dumped;
-    std::vector<std::string> visited;
-    for (const std::uint32_t len : {0u, 448u, 900u, 1960u, 64000u}) {
-        for (const bool priv : {false, true}) {
-            const std::uint32_t owner = kModule + len;
-            const std::uint32_t line = (priv ? 200 : 100) + len;
-            void *p = priv ? AllocPriv(len, owner, line) : AllocDbuf(len, owner, line);
-            made.emplace_back(p, priv);
-            dumped.push_back(DumpLine(p, len, owner, kAllocFile, line) + "\n");
-            visited.push_back(DumpLine(p, len, owner, kAllocFile, line) +
-                              (priv ? " private" : " pipe"));
-        }
-    }
-    EXPECT_EQ(KRM_HOST_LiveBufferCount(), made.size());
-    std::vector<std::string> seen;
-    EXPECT_EQ(KRM_HOST_VisitLiveBuffers(
-                  [](const KRM_HOST_BUF_INFO_S *i, void *arg) {
-                      static_cast<std::vector<std::string> *>(arg)->push_back(
-                          DumpLine(i->pBuf, i->ulLen, i->ulOwner, i->pcFile, i->ulLine) +
-                          (i->ulKind == KRM_HOST_BUF_PRIV ? " private" : " pipe"));
-                  },
-                  &seen),
-              made.size());
-    const TempFile out = OpenTempFile();
-    EXPECT_EQ(KRM_HOST_DumpLiveBuffers(out.get()), made.size());
-    std::vector<std::string> lines = LinesOf(out.get());
-    for (auto *v : {&dumped, &visited, &seen, &lines}) {
-        std::sort(v->begin(), v->end());
-    }
-    EXPECT_EQ(seen, visited);
-    EXPECT_EQ(lines, dumped);
-    for (const auto &[p, priv] : made) {
-        EXPECT_EQ(priv ? FreePriv(p) : FreeDbuf(p), 0u);
-    }
-    EXPECT_EQ(KRM_HOST_VisitLiveBuffers(nullptr, nullptr), 0u);
 }
 
 // A reset forgets no live buffer; requests beyond the platform's limit fail

@@ -36,6 +36,15 @@ inline std::uint32_t FreePriv(void *p, std::uint32_t line = 44) {
     return KRM_Free_F(p, kFreeFile, line);
 }
 
+// Whether a buffer of len bytes can be had now; it is released again.
+inline bool CanAlloc(std::uint32_t len, bool priv = false) {
+    void *p = priv ? AllocPriv(len) : AllocDbuf(len);
+    if (p != nullptr) {
+        (void)(priv ? FreePriv(p) : FreeDbuf(p));
+    }
+    return p != nullptr;
+}
+
 // The pointer as the platform prints it.
 inline std::string PtrText(const void *p) {
     char text[32];

@@ -2,6 +2,7 @@
 // them, caches handed back when a thread ends, counts right throughout.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <atomic>
 #include <cstring>
 #include <thread>
@@ -71,7 +72,10 @@ TEST_F(ThreadTest, ConcurrentAllocationAndCrossReleaseKeepBuffersApart) {
         for (std::uint32_t i = 0; i < kPerThread; ++i) {
             const std::uint32_t len = (i % 4 == 3) ? 3000 : 100 + (i % 3) * 800;
             auto *p = static_cast<unsigned char *>(AllocDbuf(len, kModule + t));
-            ASSERT_NE(p, nullptr);
+            if (p == nullptr) {
+                ADD_FAILURE() << "allocation failed";  // no ASSERT: the others wait for this one
+                continue;
+            }
             std::memset(p, t + 1, len);
             made[t].push_back(p);
         }
