@@ -7,44 +7,26 @@ namespace {
 
 class ReleaseTest : public HostTest {};
 
-MBUF_S *PlainNode(std::uint32_t size) {
-    std::uint32_t capacity = 0;
-    return MBUF_AllocateMBufNode_fl(size, 0, &capacity, kTestModule, kTestFile, 1);
-}
-
-TEST_F(ReleaseTest, DestroyIgnoresWhatIsNotAPacketHead) {
-    MBUF_S *plain = PlainNode(0);
-    ASSERT_NE(plain, nullptr);
-    MBUF_Destroy_fl(plain, kTestFile, 1);
-    MBUF_Destroy(nullptr);
-    EXPECT_EQ(KRM_HOST_LiveBufferCount(), 1u);
-    EXPECT_EQ(plain->ucMagic, MBUF_MAGIC_LIVE);
-    EXPECT_TRUE(Reports().empty());
-    MBUF_Free(plain, nullptr);
-}
-
-TEST_F(ReleaseTest, DestroyReleasesEveryNodeBufferAndSeparateBlock) {
+// Every node, buffer and the separate block go; the packet linked behind
+// the head stays, and what is not a packet head is left alone.
+TEST_F(ReleaseTest, DestroyReleasesTheWholePacketAndNothingElse) {
     const std::vector<std::uint8_t> src = Pattern(100000);
-    MBUF_S *m =
-        MBUF_CreateMbufWithBufferData(src.data(), 100000, 0, 0, nullptr, kTestModule, nullptr);
-    ASSERT_NE(m, nullptr);
-    // Grow the head's block out of the node so that it is released too.
-    ASSERT_EQ(MBUF_CreateControlInfo(m, MBUF_CTL_STACKDEBUG, 1000, kTestModule), 0u);
-    ASSERT_FALSE(m->pstCtlInfo == &m->stCtlInfo.stBlk);
-    ASSERT_GT(KRM_HOST_LiveBufferCount(), 4u);
+    MBUF_S *m = WithData(src.data(), 100000);
+    MBUF_S *next = MBUF_CreateForControlPacket(0, 10, 0, kModule);
+    MBUF_S *plain = PlainNode(0);
+    ASSERT_TRUE(m && next && plain);
+    ASSERT_EQ(MBUF_CreateControlInfo(m, MBUF_CTL_STACKDEBUG, 1000, kModule), 0u);
+    ASSERT_NE(m->pstCtlInfo, &m->stCtlInfo.stBlk);
+    MBUF_SetNextPktPtr(m, next);
     MBUF_Destroy(m);
-    EXPECT_EQ(KRM_HOST_LiveBufferCount(), 0u);
+    MBUF_Destroy_fl(plain, kFile, 1);
+    MBUF_Destroy(nullptr);
+    EXPECT_EQ(KRM_HOST_LiveBufferCount(), 2u);
+    EXPECT_EQ(plain->ucMagic, MBUF_MAGIC_LIVE);
+    ExpectValid(next);
+    MBUF_Destroy(next);
+    MBUF_Free(plain, nullptr);
     EXPECT_TRUE(Reports().empty());
-}
-
-TEST_F(ReleaseTest, FreeStopsAtThePacketAndLeavesTheNextOne) {
-    MBUF_S *first = MBUF_CreateForControlPacket(0, 10, 0, kTestModule);
-    MBUF_S *second = MBUF_CreateForControlPacket(0, 10, 0, kTestModule);
-    MBUF_SetNextPktPtr(first, second);
-    MBUF_Free(first, nullptr);
-    EXPECT_EQ(KRM_HOST_LiveBufferCount(), 1u);
-    ExpectValid(second);
-    MBUF_Destroy(second);
 }
 
 // A caller-owned node in the middle of a chain: the library releases its
@@ -56,13 +38,12 @@ TEST_F(ReleaseTest, NoFreeNodeSurvivesWithItsFieldsWhileTheRestGoes) {
         InitNode(&mine, 0);
         mine.ulFlag |= MBUF_NOFREE;
         if (withBuffer) {
-            ASSERT_EQ(MBUF_AllocateCluster_fl(&mine, 100, kTestModule, kTestFile, 1), 0);
+            ASSERT_EQ(MBUF_AllocateCluster_fl(&mine, 100, kModule, kFile, 1), 0);
         }
-        MBUF_S *head = MBUF_CreateForControlPacket(0, 10, 0, kTestModule);
-        MBUF_S *tail = PlainNode(1000);
+        MBUF_S *head = MBUF_CreateForControlPacket(0, 10, 0, kModule);
         head->pstNext = &mine;
-        mine.pstNext = tail;
-        uint8_t *const extBuf = mine.pucExtBuf;
+        mine.pstNext = PlainNode(1000);
+        std::uint8_t *const extBuf = mine.pucExtBuf;
         MBUF_Destroy(head);
         EXPECT_EQ(KRM_HOST_LiveBufferCount(), 0u);
         EXPECT_EQ(mine.ucMagic, MBUF_MAGIC_LIVE);
@@ -77,7 +58,7 @@ TEST_F(ReleaseTest, NoFreeHeadKeepsItsSeparateBlock) {
     MBUF_S head;
     InitNode(&head, MBUF_PKTHDR);
     head.ulFlag |= MBUF_NOFREE;
-    ASSERT_EQ(MBUF_CreateControlInfo(&head, MBUF_CTL_STACKDEBUG, 500, kTestModule), 0u);
+    ASSERT_EQ(MBUF_CreateControlInfo(&head, MBUF_CTL_STACKDEBUG, 500, kModule), 0u);
     MBUF_CONTROL_BLK_S *blk = head.pstCtlInfo;
     ASSERT_NE(blk, &head.stCtlInfo.stBlk);
     MBUF_Destroy(&head);
@@ -86,23 +67,21 @@ TEST_F(ReleaseTest, NoFreeHeadKeepsItsSeparateBlock) {
     MBUF_MemFree_fl(blk, nullptr);
 }
 
-TEST_F(ReleaseTest, FreeingExternalInfoOfAnInlineNodeIsReportedAndCarriesOn) {
-    MBUF_S *plain = PlainNode(0);
-    MBUF_FreeExtInfoAndMbuf(plain, nullptr);
+// Copies never share a buffer: the count is not consulted. An inline node
+// is reported at both checks and still released.
+TEST_F(ReleaseTest, FreeingExternalInfoReleasesWhateverTheCountAndReportsAnInlineNode) {
+    MBUF_S *node = PlainNode(1000);
+    node->ulExtRefCnt = 5;
+    MBUF_FreeExtInfoAndMbuf(node, nullptr);
+    EXPECT_EQ(KRM_HOST_LiveBufferCount(), 0u);
+    EXPECT_TRUE(Reports().empty());
+    MBUF_FreeExtInfoAndMbuf(PlainNode(0), nullptr);
     EXPECT_EQ(
         Reports(),
         (std::vector<Report>{
             AssertReport("mbuf_uipc_mbuf", 131, "MBUF_FreeExtInfoAndMbuf: MBUF_EXT not set"),
             AssertReport("mbuf_uipc_mbuf", 132, "MBUF_FreeExtInfoAndMbuf: ext_buf is null")}));
     EXPECT_EQ(KRM_HOST_LiveBufferCount(), 0u);
-}
-
-TEST_F(ReleaseTest, FreeingExternalInfoReleasesWhateverTheCount) {
-    MBUF_S *node = PlainNode(1000);
-    node->ulExtRefCnt = 5;
-    MBUF_FreeExtInfoAndMbuf(node, nullptr);
-    EXPECT_EQ(KRM_HOST_LiveBufferCount(), 0u);
-    EXPECT_TRUE(Reports().empty());
 }
 
 }  // namespace

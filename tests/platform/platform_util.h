@@ -1,10 +1,13 @@
 // Shorthands for the platform tests: one-entry pipe-buffer calls with a
-// recognisable allocation site, and the text a pointer has in reports.
+// recognisable allocation site, the text a pointer has in reports, and the
+// lines written to a temporary stream.
 #pragma once
 
 #include <cstdint>
 #include <cstdio>
+#include <memory>
 #include <string>
+#include <vector>
 
 #include "krm_host/host.h"
 #include "krm_mbuf/platform.h"
@@ -33,11 +36,37 @@ inline std::uint32_t FreePriv(void *p, std::uint32_t line = 44) {
     return KRM_Free_F(p, kFreeFile, line);
 }
 
+// Whether a buffer of len bytes can be had now; it is released again.
+inline bool CanAlloc(std::uint32_t len, bool priv = false) {
+    void *p = priv ? AllocPriv(len) : AllocDbuf(len);
+    if (p != nullptr) {
+        (void)(priv ? FreePriv(p) : FreeDbuf(p));
+    }
+    return p != nullptr;
+}
+
 // The pointer as the platform prints it.
 inline std::string PtrText(const void *p) {
     char text[32];
     (void)std::snprintf(text, sizeof(text), "%p", p);
     return text;
+}
+
+using TempFile = std::unique_ptr<FILE, int (*)(FILE *)>;
+
+inline TempFile OpenTempFile() {
+    return TempFile(std::tmpfile(), &std::fclose);
+}
+
+// Everything written to the stream so far, line by line, newlines kept.
+inline std::vector<std::string> LinesOf(FILE *stream) {
+    std::vector<std::string> lines;
+    char line[4096];
+    std::rewind(stream);
+    while (std::fgets(line, sizeof(line), stream) != nullptr) {
+        lines.emplace_back(line);
+    }
+    return lines;
 }
 
 }  // namespace krm::test::platform

@@ -2,6 +2,7 @@
 // them, caches handed back when a thread ends, counts right throughout.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <atomic>
 #include <cstring>
 #include <thread>
@@ -15,80 +16,64 @@ namespace {
 
 class ThreadTest : public HostTest {};
 
-std::vector<void *> AllocMany(std::uint32_t count, std::uint32_t len) {
+// The counts of a thread that only allocated and ended, and of one that only
+// releases (while it still runs), are right.
+TEST_F(ThreadTest, BuffersAreCountedAndReleasedAcrossThreads) {
     std::vector<void *> made;
-    for (std::uint32_t i = 0; i < count; ++i) {
-        void *p = AllocDbuf(len + i % 3);
-        EXPECT_NE(p, nullptr);
-        made.push_back(p);
-    }
-    return made;
-}
-
-TEST_F(ThreadTest, BuffersOfAnEndedThreadAreCountedAndReleasedElsewhere) {
-    std::vector<void *> made;
-    std::thread maker([&] { made = AllocMany(300, 900); });
-    maker.join();
+    std::thread([&] {
+        for (std::uint32_t i = 0; i < 300; ++i) {
+            made.push_back(AllocDbuf(900 + i % 3));
+        }
+    }).join();
     EXPECT_EQ(KRM_HOST_LiveBufferCount(), 300u);
     EXPECT_EQ(KRM_HOST_AllocAttemptCount(), 300u);
-    for (void *p : made) {
-        EXPECT_LT(KRM_DbufLengthGET(p) - 900u, 3u) << "header intact";
-        EXPECT_EQ(FreeDbuf(p), 0u);
-    }
+    std::thread([&] {
+        for (std::size_t i = 0; i < made.size(); ++i) {
+            EXPECT_EQ(KRM_DbufLengthGET(made[i]), 900 + i % 3) << "header intact";
+            EXPECT_EQ(FreeDbuf(made[i]), 0u);
+        }
+        EXPECT_EQ(KRM_HOST_LiveBufferCount(), 0u) << "while the releasing thread still runs";
+    }).join();
     EXPECT_EQ(KRM_HOST_LiveBufferCount(), 0u);
     EXPECT_EQ(KRM_HOST_ReportCount(), 0u);
 }
 
-TEST_F(ThreadTest, AThreadThatOnlyReleasesIsCounted) {
-    std::vector<void *> made = AllocMany(200, 100);
-    std::thread releaser([&] {
-        for (void *p : made) {
-            EXPECT_EQ(FreeDbuf(p), 0u);
-        }
-        EXPECT_EQ(KRM_HOST_LiveBufferCount(), 0u) << "while the releasing thread still runs";
-    });
-    releaser.join();
-    EXPECT_EQ(KRM_HOST_LiveBufferCount(), 0u);
-}
-
+// The chunk a thread released is cached by that thread; once it ends, the
+// chunk must be reachable from other threads again.
 TEST_F(ThreadTest, AnEndingThreadHandsItsCacheBack) {
 #if defined(__SANITIZE_ADDRESS__)
     GTEST_SKIP() << "threads keep no cache under AddressSanitizer";
 #else
-    // The chunk a thread released is cached by that thread; once it ends,
-    // the chunk must be reachable from other threads again.
     void *released = nullptr;
-    std::thread worker([&] {
+    std::thread([&] {
         released = AllocDbuf(936);
         EXPECT_EQ(FreeDbuf(released), 0u);
-    });
-    worker.join();
+    }).join();
     std::vector<void *> held;
-    bool found = false;
-    for (int i = 0; i < 20000 && !found; ++i) {
-        void *p = AllocDbuf(936);
-        ASSERT_NE(p, nullptr);
-        held.push_back(p);
-        found = p == released;
+    while (held.size() < 20000 && (held.empty() || held.back() != released)) {
+        held.push_back(AllocDbuf(936));
+        ASSERT_NE(held.back(), nullptr);
     }
-    EXPECT_TRUE(found) << "the ended thread's cached chunk never came back";
+    EXPECT_EQ(held.back(), released) << "the ended thread's cached chunk never came back";
     for (void *p : held) {
         EXPECT_EQ(FreeDbuf(p), 0u);
     }
 #endif
 }
 
+// Each thread fills its buffers with its own byte, then checks and releases
+// those of the next thread.
 TEST_F(ThreadTest, ConcurrentAllocationAndCrossReleaseKeepBuffersApart) {
     constexpr int kThreads = 4;
     constexpr std::uint32_t kPerThread = 2000;
-    std::vector<std::vector<void *>> made(kThreads);
+    std::vector<std::vector<unsigned char *>> made(kThreads);
     std::atomic<int> ready{0};
-    auto fill = [&](int t) {
+    auto work = [&](int t) {
         for (std::uint32_t i = 0; i < kPerThread; ++i) {
             const std::uint32_t len = (i % 4 == 3) ? 3000 : 100 + (i % 3) * 800;
             auto *p = static_cast<unsigned char *>(AllocDbuf(len, kModule + t));
             if (p == nullptr) {
-                ADD_FAILURE() << "allocation failed";
+                ADD_FAILURE() << "allocation failed";  // no ASSERT: the others wait for this one
                 continue;
             }
             std::memset(p, t + 1, len);
@@ -98,22 +83,16 @@ TEST_F(ThreadTest, ConcurrentAllocationAndCrossReleaseKeepBuffersApart) {
         while (ready.load() != kThreads) {
             std::this_thread::yield();
         }
-        // Release another thread's buffers after checking them.
-        for (void *q : made[(t + 1) % kThreads]) {
-            auto *p = static_cast<unsigned char *>(q);
+        const int other = (t + 1) % kThreads;
+        for (unsigned char *p : made[other]) {
             const std::uint32_t len = KRM_DbufLengthGET(p);
-            for (std::uint32_t k = 0; k < len; ++k) {
-                if (p[k] != static_cast<unsigned char>((t + 1) % kThreads + 1)) {
-                    ADD_FAILURE() << "buffer contents changed under another thread";
-                    break;
-                }
-            }
+            EXPECT_EQ(std::count(p, p + len, other + 1), len) << "changed under another thread";
             EXPECT_EQ(FreeDbuf(p), 0u);
         }
     };
     std::vector<std::thread> threads;
     for (int t = 0; t < kThreads; ++t) {
-        threads.emplace_back(fill, t);
+        threads.emplace_back(work, t);
     }
     for (std::thread &th : threads) {
         th.join();
