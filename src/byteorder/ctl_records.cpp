@@ -75,24 +75,18 @@ void CommWord80(const Rec &r) {
     r.p[83] = static_cast<std::uint8_t>(((w >> 12) & 0xF0u) | (w >> 28));
 }
 
-// Kinds 1..3: the selector at 20 picks the layout from 24 on.
-std::int32_t FeTxMidKinds(const Rec &r) {
+// The layouts from 24 on that the selector at 20 picks, by selector value.
+constexpr std::span<const Field> kSel24Layouts[] = {
+    {}, kSelWord24, kSelHalves24, kSelWordHalves24, kSelThreeHalves24};
+
+// Kinds 0..3: the selector at 20 picks the layout from 24 on; kind 0 knows
+// only the first ucLastSel of them.
+std::int32_t FeTxLowKinds(const Rec &r, std::uint8_t ucLastSel) {
     std::uint8_t sel = 0;
     if (!ConvFields(r, kFeTxShort) || !ReadByte(r, 20, sel)) {
         return kStopped;
     }
-    switch (sel) {
-        case 1:
-            return Fields(r, kSelWord24);
-        case 2:
-            return Fields(r, kSelHalves24);
-        case 3:
-            return Fields(r, kSelWordHalves24);
-        case 4:
-            return Fields(r, kSelThreeHalves24);
-        default:
-            return 0;
-    }
+    return (sel >= 1 && sel <= ucLastSel) ? Fields(r, kSel24Layouts[sel]) : 0;
 }
 
 // Kind 4 and above: the selector at 24, and at 30 a second one.
@@ -157,20 +151,9 @@ std::int32_t CtlFeTxInfo(const Rec &r) {
     }
     const std::uint16_t kind = Host16(r, 0);
     if (kind == 0) {
-        std::uint8_t sel = 0;
-        if (!ConvFields(r, kFeTxShort) || !ReadByte(r, 20, sel)) {
-            return kStopped;
-        }
-        switch (sel) {
-            case 1:
-                return Fields(r, kSelWord24);
-            case 2:
-                return Fields(r, kSelHalves24);
-            default:
-                return 0;
-        }
+        return FeTxLowKinds(r, 2);
     }
-    return kind <= 3 ? FeTxMidKinds(r) : FeTxHighKinds(r);
+    return kind <= 3 ? FeTxLowKinds(r, 4) : FeTxHighKinds(r);
 }
 
 std::int32_t CtlIp6Info(const Rec &r) {
