@@ -1,34 +1,74 @@
 #include "image.h"
 
 #include <algorithm>
+#include <cstdarg>
+#include <cstdio>
 #include <cstring>
 #include <ostream>
 #include <sstream>
 
 namespace krm::test::bo {
+namespace {
 
-Fields Seq(std::uint32_t first, std::uint32_t count, std::uint32_t width, std::uint32_t step) {
-    Fields out;
-    for (std::uint32_t i = 0; i < count; ++i) {
-        out.push_back(F{first + i * step, width});
+// Calls fn(letter, rest) for each blank-separated token of a notation.
+template <class Fn>
+void Tokens(std::string_view text, Fn &&fn) {
+    std::size_t pos = 0;
+    while (pos < text.size()) {
+        const std::size_t end = std::min(text.find(' ', pos), text.size());
+        if (end > pos) {
+            fn(text[pos], text.substr(pos + 1, end - pos - 1));
+        }
+        pos = end + 1;
     }
+}
+
+std::uint32_t Num(std::string_view s) {
+    return static_cast<std::uint32_t>(std::stoul(std::string(s), nullptr, 0));
+}
+
+Bytes CommImage() {
+    Bytes b = Pattern(MBUF_CTL_COMM_LEN, 0x40);
+    Put32(b, 80, 0xFF5A3C21u);  // a top byte of 0xFF: converted plainly
+    return b;
+}
+
+}  // namespace
+
+Fields P(std::string_view text) {
+    Fields out;
+    Tokens(text, [&](char kind, std::string_view rest) {
+        EXPECT_TRUE(kind == 'w' || kind == 'h') << text;
+        const std::uint32_t width = kind == 'w' ? 4 : 2;
+        const std::size_t dots = rest.find("..");
+        const std::uint32_t first = Num(rest.substr(0, dots));
+        const std::uint32_t last = dots == rest.npos ? first : Num(rest.substr(dots + 2));
+        for (std::uint32_t off = first; off <= last; off += width) {
+            out.push_back(F{off, width});
+        }
+    });
     return out;
 }
 
 Fields At(std::uint32_t base, const Fields &fields) {
-    Fields out;
-    for (const F &f : fields) {
-        out.push_back(F{base + f.off, f.width});
+    Fields out = fields;
+    for (F &f : out) {
+        f.off += base;
     }
     return out;
 }
 
-Fields Join(std::initializer_list<Fields> lists) {
-    Fields out;
-    for (const Fields &l : lists) {
-        out.insert(out.end(), l.begin(), l.end());
+Fields operator+(Fields a, const Fields &b) {
+    a.insert(a.end(), b.begin(), b.end());
+    return a;
+}
+
+std::uint32_t Extent(const Fields &fields) {
+    std::uint32_t end = 0;
+    for (const F &f : fields) {
+        end = std::max(end, f.off + f.width);
     }
-    return out;
+    return end;
 }
 
 Bytes Pattern(std::size_t n, std::uint8_t seed) {
@@ -40,21 +80,45 @@ Bytes Pattern(std::size_t n, std::uint8_t seed) {
     return b;
 }
 
-void Put16(Bytes &b, std::uint32_t off, std::uint16_t v) {
-    std::memcpy(b.data() + off, &v, 2);
+Bytes Head(const Bytes &b, std::size_t n) {
+    return Bytes(b.begin(), b.begin() + static_cast<std::ptrdiff_t>(n));
+}
+
+void Put16(Bytes &b, std::uint32_t off, std::uint32_t v) {
+    const auto s = static_cast<std::uint16_t>(v);
+    std::memcpy(&b.at(off + 1) - 1, &s, 2);
 }
 void Put32(Bytes &b, std::uint32_t off, std::uint32_t v) {
-    std::memcpy(b.data() + off, &v, 4);
+    std::memcpy(&b.at(off + 3) - 3, &v, 4);
 }
 std::uint16_t Get16(const Bytes &b, std::uint32_t off) {
     std::uint16_t v;
-    std::memcpy(&v, b.data() + off, 2);
+    std::memcpy(&v, &b.at(off + 1) - 1, 2);
     return v;
 }
-std::uint32_t Get32(const Bytes &b, std::uint32_t off) {
-    std::uint32_t v;
-    std::memcpy(&v, b.data() + off, 4);
-    return v;
+
+void Set(Bytes &b, std::string_view text) {
+    Tokens(text, [&](char kind, std::string_view rest) {
+        const std::size_t eq = rest.find('=');
+        const std::uint32_t off = Num(rest.substr(0, eq));
+        const std::uint32_t v = Num(rest.substr(eq + 1));
+        if (kind == 'b') {
+            b.at(off) = static_cast<std::uint8_t>(v);
+        } else if (kind == 'h') {
+            Put16(b, off, v);
+        } else {
+            Put32(b, off, v);
+        }
+    });
+}
+
+std::string Fmt(const char *fmt, ...) {
+    char buf[256];
+    va_list args;
+    va_start(args, fmt);
+    std::vsnprintf(buf, sizeof buf, fmt, args);
+    va_end(args);
+    return buf;
 }
 
 Bytes Foreign(const Bytes &host, const Fields &fields) {
@@ -92,11 +156,9 @@ Bytes Foreign(const Bytes &host, const Fields &fields) {
     std::ostringstream diff;
     std::size_t count = 0;
     for (std::size_t i = 0; i < expected.size(); ++i) {
-        if (expected[i] != actual[i]) {
-            if (count++ < 12) {
-                diff << " [" << i << "] want " << unsigned{expected[i]} << " got "
-                     << unsigned{actual[i]};
-            }
+        if (expected[i] != actual[i] && count++ < 12) {
+            diff << " [" << i << "] want " << unsigned{expected[i]} << " got "
+                 << unsigned{actual[i]};
         }
     }
     if (count == 0) {
@@ -105,73 +167,69 @@ Bytes Foreign(const Bytes &host, const Fields &fields) {
     return ::testing::AssertionFailure() << count << " bytes differ:" << diff.str();
 }
 
-Bytes HostImage(const Layout &layout, std::uint8_t seed) {
-    Bytes b = Pattern(layout.len, seed);
-    layout.setup(b);
-    return b;
+Img operator+(Img a, const Img &b) {
+    a.f = a.f + At(static_cast<std::uint32_t>(a.b.size()), b.f);
+    a.b.insert(a.b.end(), b.b.begin(), b.b.end());
+    return a;
+}
+
+Img Sub(std::uint16_t type, std::uint32_t len, const Fields &value, std::uint8_t seed) {
+    Img s{Pattern(len, seed), P("h0 h2") + value};
+    Put16(s.b, 0, type);
+    Put16(s.b, 2, len - 4);
+    return s;
+}
+
+Img Tlv(std::uint16_t type, const Img &value, std::int32_t delta, const char *head) {
+    Img t{Bytes(4), P(head)};
+    Put16(t.b, 0, type);
+    Put16(t.b, 2, static_cast<std::uint32_t>(static_cast<std::int32_t>(value.b.size()) + delta));
+    return t + value;
 }
 
 // ---- Block -------------------------------------------------------------------
 
-Fields CommFields() {
-    return Join(
-        {Seq(0, 10, 4, 4), {U16(40), U16(42)}, Seq(44, 5, 4, 4), {U16(64)}, Seq(68, 4, 4, 4)});
-}
-
-Bytes CommImage() {
-    Bytes b = Pattern(MBUF_CTL_COMM_LEN, 0x40);
-    Put32(b, 80, 0xFF5A3C21u);
-    return b;
-}
-
-Block::Block(std::uint32_t capacity)
-    : image_(MBUF_CTL_FIXED_LEN + capacity, 0), capacity_(static_cast<std::uint16_t>(capacity)) {
+Block::Block() : image_(MBUF_CTL_FIXED_LEN + MBUF_CTL_INIT_CAPACITY, 0) {
     const Bytes comm = CommImage();
     std::copy(comm.begin(), comm.end(), image_.begin());
     // The record area's unused tail keeps a pattern of its own, so that a
     // stray write shows there too.
-    const Bytes tail = Pattern(capacity, 0x77);
+    const Bytes tail = Pattern(MBUF_CTL_INIT_CAPACITY, 0x77);
     std::copy(tail.begin(), tail.end(), image_.begin() + MBUF_CTL_FIXED_LEN);
 }
 
-std::uint32_t Block::Add(std::uint32_t type, const Bytes &image, const Fields &fields,
-                         std::int32_t slotLen) {
-    const std::uint32_t off = MBUF_CTL_FIXED_LEN + used_;
-    std::copy(image.begin(), image.end(), image_.begin() + off);
-    recordFields_.emplace_back(type, At(off, fields));
-    Put16(image_, 92 + 4 * type, static_cast<std::uint16_t>(off));
-    Put16(image_, 94 + 4 * type,
-          static_cast<std::uint16_t>(slotLen < 0 ? image.size() : std::uint32_t(slotLen)));
-    used_ = static_cast<std::uint16_t>(used_ + image.size());
-    ++added_;
+std::uint32_t Block::Add(std::uint32_t type, const Img &rec, std::int32_t slotLen) {
+    const std::uint32_t off = UsedEnd();
+    std::copy(rec.b.begin(), rec.b.end(), image_.begin() + off);
+    records_.emplace_back(type, At(off, rec.f));
+    const auto size = static_cast<std::uint32_t>(rec.b.size());
+    Put16(image_, 92 + 4 * type, off);
+    Put16(image_, 94 + 4 * type, slotLen < 0 ? size : static_cast<std::uint32_t>(slotLen));
+    used_ += size;
     return off;
 }
 
 Bytes Block::Host() const {
     Bytes b = image_;
-    const std::uint8_t recNum = recNum_ < 0 ? added_ : static_cast<std::uint8_t>(recNum_);
+    const auto recs = static_cast<std::uint32_t>(recNum < 0 ? records_.size() : recNum);
     // The head bytes as the one word they travel as.
-    Put32(b, 84,
-          (std::uint32_t{MBUF_CTL_BLK_MARK} << 24) | (std::uint32_t{MBUF_BYTEORDER_HOST} << 16) |
-              (std::uint32_t{slotNum_} << 8) | recNum);
+    Put32(b, 84, (MBUF_CTL_BLK_MARK << 24) | (MBUF_BYTEORDER_HOST << 16) | (slotNum << 8) | recs);
     Put16(b, 88, used_);
-    Put16(b, 90, capacity_);
+    Put16(b, 90, MBUF_CTL_INIT_CAPACITY);
     return b;
 }
 
 Fields Block::ForeignFields() const {
-    Fields f = {U32(84), U16(88), U16(90)};
-    const std::uint32_t slots = std::min<std::uint32_t>(slotNum_, MBUF_CTL_TYPE_NUM);
+    Fields f = P("w84 h88 h90");
+    const std::uint32_t slots = std::min<std::uint32_t>(slotNum, MBUF_CTL_TYPE_NUM);
     for (std::uint32_t i = 0; i < slots; ++i) {
-        f.push_back(U16(92 + 4 * i));
-        f.push_back(U16(94 + 4 * i));
+        f = f + At(92 + 4 * i, P("h0 h2"));
     }
-    if (slotNum_ != 0) {
-        const Fields comm = CommFields();
-        f.insert(f.end(), comm.begin(), comm.end());
-        for (const auto &[type, fields] : recordFields_) {
+    if (slots != 0) {
+        f = f + P(kCommFields);
+        for (const auto &[type, fields] : records_) {
             if (type < slots) {
-                f.insert(f.end(), fields.begin(), fields.end());
+                f = f + fields;
             }
         }
     }
@@ -192,9 +250,12 @@ void PrintTo(const Seen &seen, std::ostream *os) {
     *os << "{" << seen.line << ", \"" << seen.text << "\"}";
 }
 
-}  // namespace krm::test::bo
-
-namespace krm::test::bo {
+std::string FdPro() {
+    const Bytes comm = CommImage();
+    std::uint32_t fd;
+    std::memcpy(&fd, comm.data() + 28, 4);
+    return Fmt("Fd %u Pro %u", fd, unsigned{Get16(comm, 40)});
+}
 
 std::unique_ptr<MBUF_S> NewNode() {
     return std::make_unique<MBUF_S>();
@@ -212,7 +273,7 @@ Paths RunBothPaths(const Block &block) {
     out.node = {Bytes(node->stCtlInfo.aucRaw, node->stCtlInfo.aucRaw + MBUF_CTLINFO_INLINE_LEN),
                 ReportsOf(kTrans), ReportsOf(kPktSnd)};
 
-    Bytes msg(foreign.begin(), foreign.begin() + block.UsedEnd());
+    Bytes msg = Head(foreign, block.UsedEnd());
     KRM_HOST_ReportClear();
     MBUF_TagByteOrderTrans(msg.data(), static_cast<std::uint32_t>(msg.size()));
     out.msg = {msg, ReportsOf(kTrans), ReportsOf(kPktSnd)};
@@ -222,85 +283,12 @@ Paths RunBothPaths(const Block &block) {
 
 void ExpectFrameworkRestores(const Block &block) {
     const Bytes host = block.Host();
-    ASSERT_EQ(host.size(), MBUF_CTLINFO_INLINE_LEN);
     const Paths paths = RunBothPaths(block);
     EXPECT_TRUE(SameBytes(host, paths.node.bytes)) << "inline block of a packet-header node";
-    EXPECT_TRUE(SameBytes(Bytes(host.begin(), host.begin() + block.UsedEnd()), paths.msg.bytes))
-        << "tag message";
+    EXPECT_TRUE(SameBytes(Head(host, block.UsedEnd()), paths.msg.bytes)) << "tag message";
     for (const PathResult *r : {&paths.node, &paths.msg}) {
         EXPECT_EQ(r->trans.size() + r->pktSnd.size(), 0u);
     }
-}
-
-std::uint32_t Extent(const Fields &fields) {
-    std::uint32_t end = 0;
-    for (const F &f : fields) {
-        end = std::max(end, f.off + f.width);
-    }
-    return end;
-}
-
-Fields Without(const Fields &all, const Fields &removed) {
-    Fields out;
-    for (const F &f : all) {
-        if (std::none_of(removed.begin(), removed.end(),
-                         [&](const F &r) { return r.off == f.off; })) {
-            out.push_back(f);
-        }
-    }
-    return out;
-}
-
-std::string FdPro() {
-    const Bytes comm = CommImage();
-    return "Fd " + std::to_string(Get32(comm, 28)) + " Pro " + std::to_string(Get16(comm, 40));
-}
-
-Fields Prefix(const Fields &fields, std::uint32_t bound) {
-    Fields out;
-    for (const F &f : fields) {
-        if (f.off + f.width > bound) {
-            break;
-        }
-        out.push_back(f);
-    }
-    return out;
-}
-
-}  // namespace krm::test::bo
-
-namespace krm::test::bo {
-
-Bytes SubTlvImage(const Layout &layout, std::uint16_t type, std::uint8_t seed) {
-    Bytes b = Pattern(layout.len, seed);
-    Put16(b, 0, type);
-    Put16(b, 2, static_cast<std::uint16_t>(layout.len - 4));
-    layout.setup(b);
-    return b;
-}
-
-void TlvList::Append(const Bytes &sub, const Fields &fields) {
-    const Fields placed = At(4 + ListLen(), fields);
-    fields_.insert(fields_.end(), placed.begin(), placed.end());
-    AppendRaw(sub);
-}
-
-Bytes TlvList::Host(std::int32_t listLen) const {
-    Bytes b(4);
-    Put16(b, 0, 0x0102);
-    Put16(b, 2, static_cast<std::uint16_t>(listLen < 0 ? ListLen() : std::uint32_t(listLen)));
-    b.insert(b.end(), body_.begin(), body_.end());
-    return b;
-}
-
-Fields TlvList::ForeignFields() const {
-    Fields f;
-    if (typeWordConverted_) {
-        f.push_back(U16(0));
-    }
-    f.push_back(U16(2));
-    f.insert(f.end(), fields_.begin(), fields_.end());
-    return f;
 }
 
 }  // namespace krm::test::bo

@@ -1,6 +1,6 @@
 // Record images for the byte-order tests.
 //
-// A test writes a record in this host's order (distinct byte pattern, with
+// A test writes a record in this host's order (a distinct byte pattern, with
 // selectors and counts set), lists the fields its layout defines, and derives
 // the image a sender of the other order would have sent by reversing exactly
 // those fields. Translating that foreign image must give back the host image
@@ -11,10 +11,9 @@
 #include <gtest/gtest.h>
 
 #include <cstdint>
-#include <functional>
-#include <initializer_list>
 #include <memory>
 #include <string>
+#include <string_view>
 #include <utility>
 #include <vector>
 
@@ -30,93 +29,81 @@ struct F {
     std::uint32_t off;
     std::uint32_t width;
 };
-inline F U16(std::uint32_t off) {
-    return F{off, 2};
-}
-inline F U32(std::uint32_t off) {
-    return F{off, 4};
-}
 using Fields = std::vector<F>;
 
-// count fields of one width from first, step bytes apart.
-Fields Seq(std::uint32_t first, std::uint32_t count, std::uint32_t width, std::uint32_t step);
-// The fields moved by base; several lists joined.
+// Fields in conversion order, written "w0..12 h14 w16": w a 32-bit word, h a
+// 16-bit half, a..b every field from a to b, one width apart.
+Fields P(std::string_view text);
 Fields At(std::uint32_t base, const Fields &fields);
-Fields Join(std::initializer_list<Fields> lists);
+Fields operator+(Fields a, const Fields &b);
+// The largest end of the fields.
+std::uint32_t Extent(const Fields &fields);
 
 // n bytes in which neighbours always differ, so that reversing any 2 or 4
 // of them changes the image.
 Bytes Pattern(std::size_t n, std::uint8_t seed = 0);
-
-// Host-order stores and loads at an offset.
-void Put16(Bytes &b, std::uint32_t off, std::uint16_t v);
+Bytes Head(const Bytes &b, std::size_t n);
+// Host-order stores and loads.
+void Put16(Bytes &b, std::uint32_t off, std::uint32_t v);
 void Put32(Bytes &b, std::uint32_t off, std::uint32_t v);
 std::uint16_t Get16(const Bytes &b, std::uint32_t off);
-std::uint32_t Get32(const Bytes &b, std::uint32_t off);
+// Host-order stores written "b4=3 h6=48 w80=0xFF010203" (byte, half, word).
+void Set(Bytes &b, std::string_view text);
+std::string Fmt(const char *fmt, ...) __attribute__((format(printf, 1, 2)));
 
 // The image a sender of the other byte order leaves: every listed field
 // reversed. Fails the test when a field overlaps another or leaves the
 // image, or when a non-zero field reads the same both ways (the test would
 // not see it converted).
 Bytes Foreign(const Bytes &host, const Fields &fields);
-
 // Byte-for-byte comparison naming the differing offsets.
 ::testing::AssertionResult SameBytes(const Bytes &expected, const Bytes &actual);
 
-// One record layout under test: its size, the fields the sender's order
-// reverses, and the selectors and counts (set in host order) that pick them.
-struct Layout {
-    std::string name;
-    std::uint32_t len;
-    Fields fields;
-    std::function<void(Bytes &)> setup = [](Bytes &) {};
+// A host image with the fields a foreign sender reversed in it.
+struct Img {
+    Bytes b;
+    Fields f;
 };
+inline Bytes Foreign(const Img &img) {
+    return Foreign(img.b, img.f);
+}
+// b behind a, its fields moved along.
+Img operator+(Img a, const Img &b);
+// A sub-TLV of len bytes, head included: a pattern with its type and value
+// length set; its head fields, then the value fields.
+Img Sub(std::uint16_t type, std::uint32_t len, const Fields &value, std::uint8_t seed = 0);
+// A TLV around value whose length says value's size + delta; head names the
+// head fields the sender reversed ("h0 h2", "h2" or "").
+Img Tlv(std::uint16_t type, const Img &value, std::int32_t delta = 0, const char *head = "h0 h2");
 
-// The host image of a layout.
-Bytes HostImage(const Layout &layout, std::uint8_t seed = 0);
-
-// ---- the framework's view: a control block --------------------------------
+// The common record, every block's start.
+inline constexpr const char *kCommFields = "w0..36 h40 h42 w44..60 h64 w68..80";
 
 // A control block in host order with records placed behind the fixed part,
-// and the list of every field a foreign sender would have reversed: the
-// head word, the two lengths, each slot below the slot count (at most 23),
-// the common record and each record's own fields.
+// and every field a foreign sender would have reversed: the head word, the
+// two lengths, each slot below the slot count (at most 23), the common
+// record and each record's own fields.
 class Block {
   public:
-    explicit Block(std::uint32_t capacity = MBUF_CTL_INIT_CAPACITY);
-
-    // Places a record of the given type with its host image and fields;
-    // the slot gets the record's length unless slotLen says otherwise.
-    std::uint32_t Add(std::uint32_t type, const Bytes &image, const Fields &fields,
-                      std::int32_t slotLen = -1);
-
-    // Overrides the head; by default the slot count is 23 and the record
-    // count the number of records added.
-    void SetSlotNum(std::uint8_t n) { slotNum_ = n; }
-    void SetRecNum(std::uint8_t n) { recNum_ = n; }
-
+    Block();
+    // Places a record; its slot gets the record's length unless slotLen says
+    // otherwise. Returns the record's offset.
+    std::uint32_t Add(std::uint32_t type, const Img &rec, std::int32_t slotLen = -1);
     Bytes Host() const;
     Fields ForeignFields() const;
     Bytes ForeignImage() const { return Foreign(Host(), ForeignFields()); }
     std::uint32_t UsedEnd() const { return MBUF_CTL_FIXED_LEN + used_; }
 
+    std::uint8_t slotNum = MBUF_CTL_TYPE_NUM;
+    std::int32_t recNum = -1;  // by default the number of records added
+
   private:
     Bytes image_;
-    std::vector<std::pair<std::uint32_t, Fields>> recordFields_;  // by type
-    std::uint16_t capacity_;
-    std::uint16_t used_ = 0;
-    std::uint8_t slotNum_ = MBUF_CTL_TYPE_NUM;
-    std::int32_t recNum_ = -1;
-    std::uint8_t added_ = 0;
+    std::vector<std::pair<std::uint32_t, Fields>> records_;  // by type
+    std::uint32_t used_ = 0;
 };
 
-// The common record's fields, and a host image of it whose word at 80
-// converts plainly (its top byte is 0xFF).
-Fields CommFields();
-Bytes CommImage();
-
-// The reports captured so far, as (line, text) of the given module, and a
-// helper to compare them.
+// The reports captured so far of one module, as (line, text).
 struct Seen {
     std::uint32_t line;
     std::string text;
@@ -124,20 +111,17 @@ struct Seen {
 };
 std::vector<Seen> ReportsOf(const std::string &module);
 void PrintTo(const Seen &seen, std::ostream *os);
-
 inline constexpr const char *kTrans = "mbuf_bas_byteorder_trans";
 inline constexpr const char *kPktSnd = "mbuf_bas_byteorder_pktsnd";
-
-}  // namespace krm::test::bo
-
-namespace krm::test::bo {
+// The block's socket id and protocol type as the failure reports print them.
+std::string FdPro();
 
 // A value-initialised node on the heap, as a receiver holds it.
 std::unique_ptr<MBUF_S> NewNode();
 
-// A foreign block run through both framework paths: the packet-header
-// node's inline block, and a received tag message of exactly the used bytes.
-// Each path's result and the reports it raised (module, line, text).
+// A foreign block run through both framework paths: the inline block of a
+// packet-header node, and a received tag message of exactly the used bytes;
+// each path's result and the reports of either module.
 struct PathResult {
     Bytes bytes;
     std::vector<Seen> trans;
@@ -148,46 +132,7 @@ struct Paths {
     PathResult msg;
 };
 Paths RunBothPaths(const Block &block);
-
 // Expects both paths to give back the host image with no report.
 void ExpectFrameworkRestores(const Block &block);
-
-// The largest end of the fields, and those that lie within bound, in order,
-// up to the first that does not.
-std::uint32_t Extent(const Fields &fields);
-Fields Prefix(const Fields &fields, std::uint32_t bound);
-// The fields of all that are not in removed (compared by offset).
-Fields Without(const Fields &all, const Fields &removed);
-
-// The common record's socket id and protocol type as reports print them.
-std::string FdPro();
-
-}  // namespace krm::test::bo
-
-namespace krm::test::bo {
-
-// A sub-TLV layout: head (type, value length) set in host order, the value
-// a pattern, then the layout's own setup.
-Bytes SubTlvImage(const Layout &layout, std::uint16_t type, std::uint8_t seed = 0);
-
-// A TLV record in host order: a 4-byte head (a type word, then the list
-// length) and sub-TLVs appended whole with the fields a foreign sender
-// reversed in each (their heads included). The record's type word is among
-// them only when its walk converts it.
-class TlvList {
-  public:
-    explicit TlvList(bool typeWordConverted) : typeWordConverted_(typeWordConverted) {}
-    void Append(const Bytes &sub, const Fields &fields);
-    void AppendRaw(const Bytes &bytes) { body_.insert(body_.end(), bytes.begin(), bytes.end()); }
-    std::uint32_t ListLen() const { return static_cast<std::uint32_t>(body_.size()); }
-    // The image with the given list length (default: the bytes appended).
-    Bytes Host(std::int32_t listLen = -1) const;
-    Fields ForeignFields() const;
-
-  private:
-    bool typeWordConverted_;
-    Bytes body_;
-    Fields fields_;
-};
 
 }  // namespace krm::test::bo
