@@ -17,5 +17,8 @@ write_basic_package_version_file(${CMAKE_CURRENT_BINARY_DIR}/krm_mbufConfigVersi
 install(FILES ${CMAKE_CURRENT_BINARY_DIR}/krm_mbufConfig.cmake
   ${CMAKE_CURRENT_BINARY_DIR}/krm_mbufConfigVersion.cmake DESTINATION ${KRM_CMAKE_DIR})
 
+# The prefix is found from the .pc file's own place, so an install moved
+# with --prefix still resolves.
+file(RELATIVE_PATH KRM_PC_TO_PREFIX ${CMAKE_INSTALL_FULL_LIBDIR}/pkgconfig ${CMAKE_INSTALL_PREFIX})
 configure_file(cmake/krm_mbuf.pc.in ${CMAKE_CURRENT_BINARY_DIR}/krm_mbuf.pc @ONLY)
 install(FILES ${CMAKE_CURRENT_BINARY_DIR}/krm_mbuf.pc DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig)
