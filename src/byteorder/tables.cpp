@@ -213,18 +213,22 @@ B TwinOf(E exported, const Twin<E, B> (&twins)[M]) {
     return nullptr;
 }
 
+// The bounded twin of an indexed table's entry; a type beyond the table
+// yields the fallback.
+template <class E, std::size_t N, class B, std::size_t M>
+B TwinAt(const E (&table)[N], std::uint32_t type, const Twin<E, B> (&twins)[M],
+         B fallback = nullptr) {
+    return type < N ? TwinOf(table[type], twins) : fallback;
+}
+
 }  // namespace
 
 CtlFn CtlTranslator(std::uint32_t type) {
-    return type < std::size(g_apfMbufPacketOrderTransProc)
-               ? TwinOf(g_apfMbufPacketOrderTransProc[type], kCtlTwins)
-               : nullptr;
+    return TwinAt(g_apfMbufPacketOrderTransProc, type, kCtlTwins);
 }
 
 LinkFn LinkTranslator(std::uint32_t type) {
-    return type < std::size(g_apfMbufLinkInfoOrderTransProc)
-               ? TwinOf(g_apfMbufLinkInfoOrderTransProc[type], kLinkTwins)
-               : LinkEnCap;
+    return TwinAt(g_apfMbufLinkInfoOrderTransProc, type, kLinkTwins, LinkFn{LinkEnCap});
 }
 
 PktSndFn PktSndTranslator(std::uint16_t type) {
@@ -237,15 +241,11 @@ PktSndFn PktSndTranslator(std::uint16_t type) {
 }
 
 NestFn TnlTranslator(std::uint32_t type) {
-    return type < std::size(g_apfMbufPktSndSpcifyTnlInfoFunc)
-               ? TwinOf(g_apfMbufPktSndSpcifyTnlInfoFunc[type], kNestTwins)
-               : nullptr;
+    return TwinAt(g_apfMbufPktSndSpcifyTnlInfoFunc, type, kNestTwins);
 }
 
 NestFn NoPathTranslator(std::uint32_t type) {
-    return type < std::size(g_apfMbufSndWithNoPathOrderTransProc)
-               ? TwinOf(g_apfMbufSndWithNoPathOrderTransProc[type], kNestTwins)
-               : nullptr;
+    return TwinAt(g_apfMbufSndWithNoPathOrderTransProc, type, kNestTwins);
 }
 
 }  // namespace krm::byteorder
