@@ -1,5 +1,6 @@
 #!/usr/bin/env bash
-# The test command: native suite, AddressSanitizer + UBSan suite, and the
+# The test command: native suite, AddressSanitizer + UBSan suite, the
+# ThreadSanitizer suite (tests whose names say Thread), and the
 # 32-bit big-endian PowerPC suite under qemu-user. Ends with one summary line.
 set -uo pipefail
 cd "$(dirname "$0")/.."
@@ -9,7 +10,7 @@ scripts/setup.sh || exit 1
 passed=0
 failed=0
 status=0
-for preset in default asan ppc; do
+for preset in default asan tsan ppc; do
     echo "=== ${preset} ==="
     log=$(mktemp)
     cmake --workflow --preset "$preset" 2>&1 | tee "$log"

@@ -132,6 +132,49 @@ uint32_t BEX_MutexLock(uint32_t ulMutex);
 uint32_t BEX_MutexUnlock(uint32_t ulMutex);
 uint32_t BEX_MutexDestroy(uint32_t ulMutex);
 
+/* ---- pipes ---------------------------------------------------------------- */
+
+/* Writes one packet's pieces to a pipe, which takes the buffers over: the
+ * normal write, the priority write (ordered by the flag stamped on the head
+ * piece), the urgent write (to the head of the queue) and the no-free write
+ * (copies the pieces and leaves the writer's buffers alone). 0 on success or
+ * the service's own code. */
+uint32_t KRM_PipeIovecWrite(uint32_t ulPipeId, uint32_t ulCount, MBUF_IOVEC_S *pstIovec);
+uint32_t KRM_PipeIovecPrioWrite(uint32_t ulPipeId, uint32_t ulCount, MBUF_IOVEC_S *pstIovec);
+uint32_t TQM_PipeUrgentIovecWrite(uint32_t ulPipeId, uint32_t ulCount, MBUF_IOVEC_S *pstIovec);
+uint32_t TQM_PipeIovecNoFreeWrite(uint32_t ulPipeId, uint32_t ulCount, MBUF_IOVEC_S *pstIovec);
+
+/* Writes ulPktCount packets, each described by one descriptor, as one
+ * package. */
+uint32_t KRM_PipeWriteIovecIntra(uint32_t ulPipeId, uint32_t ulPktCount, MBUF_TRANS_DESC_S *pstDescArray);
+
+/* Reserves *pulCount tokens of a pipe: 0, or 0x224C1110 (pipe not opened),
+ * 0x224C1111 (no token left), 0x224C1112 (identifier out of range). */
+uint32_t KRM_PipeTokenAlloc(uint32_t ulPipeId, uint32_t *pulCount);
+
+/* Reads one package: *pulCount packets, each a receive descriptor (piece
+ * count, then the address of an array of pointer-size piece addresses);
+ * *pulStatus 2 when nothing was delivered; *pulAux is the service's. */
+uint32_t KRM_PipePackageRead(uint32_t ulPipeId, uint32_t *pulCount, MBUF_TRANS_DESC_S *pstDescArray,
+                             uint32_t *pulStatus, uint32_t *pulAux);
+
+/* ---- messages -------------------------------------------------------------- */
+
+/* A message is a pipe buffer of ulSize bytes; NULL: failed. */
+void *KRM_MsgAlloc_F(uint32_t ulModuleId, uint32_t ulSize, const char *pcFileName, uint32_t ulLine);
+uint32_t KRM_SEND_MSG(uint32_t ulDest, uint32_t ulClass, uint32_t ulType, void *pMsg, uint32_t ulSize);
+uint32_t TQM_MsgFree(uint32_t ulModuleId, void *pMsg);
+uint32_t TQM_MsgLenGet(const void *pMsg);
+uint32_t TQM_KRM_MSG_GET_INTF(const void *pMsg);
+uint32_t TQM_KRM_MSG_GET_SUB_INTF(const void *pMsg);
+
+/* ---- packet trace ------------------------------------------------------------ */
+
+uint32_t KRM_AddTraceInfecPoint_Pipe(uint32_t ulArg1, MBUF_TRANS_DESC_S *pstDesc, uint32_t ulArg2,
+                                     uint32_t ulArg3, uint32_t ulArg4, uint32_t ulArg5);
+uint32_t TQM_PIPE_TRACEFLAG_GET(uint32_t ulNum, MBUF_IOVEC_S *pstPieces, uint32_t *pulTraceId);
+uint32_t TQM_PIPE_TRACEFLAG_SET(uint32_t ulNum, MBUF_IOVEC_S *pstPieces, uint32_t *pulTraceId);
+
 #ifdef __cplusplus
 }
 #endif

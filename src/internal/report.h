@@ -16,6 +16,12 @@ inline constexpr const char *kModUipcMbuf = "mbuf_uipc_mbuf";
 inline constexpr const char *kModOsAdapter = "mbuf_os_adapter";
 inline constexpr const char *kModByteOrderTrans = "mbuf_bas_byteorder_trans";
 inline constexpr const char *kModByteOrderPktSnd = "mbuf_bas_byteorder_pktsnd";
+inline constexpr const char *kModKrmMbufHpc = "krm_mbuf_hpc";
+inline constexpr const char *kModKrmMbufSend = "krm_mbuf_send";
+inline constexpr const char *kModKrmMbufTrans = "krm_mbuf_trans";
+inline constexpr const char *kModKrmMbufTso = "krm_mbuf_tso";
+inline constexpr const char *kModKrmMbufProtoInt = "krm_mbuf_proto_int";
+inline constexpr const char *kModKrmMbufPads = "krm_mbuf_pads";
 
 // Capacity of the report text, terminator included.
 inline constexpr std::uint32_t kReportBufLen = 65;

@@ -1,0 +1,18 @@
+/* Exported functions of the family: the protocol-interaction log.
+ * Included by krm_mbuf/mbuf.h. */
+#ifndef KRM_MBUF_MBUF_PROTOINT_H
+#define KRM_MBUF_MBUF_PROTOINT_H
+
+#ifndef KRM_MBUF_MBUF_H
+#error "include krm_mbuf/mbuf.h"
+#endif
+
+#ifdef __cplusplus
+extern "C" {
+#endif
+
+#ifdef __cplusplus
+}
+#endif
+
+#endif /* KRM_MBUF_MBUF_PROTOINT_H */
