@@ -27,12 +27,30 @@ extern "C" {
 #define KRM_HOST_PIPE_ERR_NO_MEMORY 0x224C1115u  /* a fresh buffer could not be had */
 #define KRM_HOST_PIPE_ERR_SOCKET 0x224C1116u     /* socket bind, connect or send failed */
 #define KRM_HOST_PIPE_ERR_BUSY 0x224C1117u       /* already open or already bound */
+#define KRM_HOST_PIPE_ERR_CAPACITY 0x224C1118u   /* package read: more packets than room */
+
+/* KRM_PipePackageRead: *pulCount on input is the room of pstDescArray in
+ * descriptors. A package with more packets stays queued and the read answers
+ * KRM_HOST_PIPE_ERR_CAPACITY. Otherwise one descriptor per packet is filled
+ * (ulNum pieces; pstIovec is the address of an array of `void *` piece
+ * addresses, owned by the pipe and valid until its next read, close or
+ * reset), *pulCount is the packet count, *pulStatus 0 and *pulAux the
+ * packages still queued; the piece buffers are the reader's from then on and
+ * one credit returns to the pipe (never above the number last set). Nothing
+ * queued: *pulCount 0, *pulStatus 2, result 0.
+ *
+ * Writes refuse a count of 0 or above KRM_HOST_PIPE_MAX_PIECES pieces (above
+ * KRM_HOST_PIPE_MAX_PACKETS packets for the package write), a NULL vector or
+ * piece, and a piece longer than the live buffer it starts (reported), with
+ * KRM_HOST_PIPE_ERR_ARGUMENT; a full queue with KRM_HOST_PIPE_ERR_FULL. A
+ * refused write leaves the writer's buffers alone. The reader's copies carry
+ * the writer's control flag and trace id. */
 
 /* Identifiers are 0..KRM_HOST_PIPE_MAX-1 for pipes and message queues alike. */
 #define KRM_HOST_PIPE_MAX 64u
 /* Most pieces one packet may have, and most packets one package may have. */
 #define KRM_HOST_PIPE_MAX_PIECES 90u
-#define KRM_HOST_PIPE_MAX_PACKETS 64u
+#define KRM_HOST_PIPE_MAX_PACKETS 256u
 #define KRM_HOST_PIPE_DEFAULT_TOKENS 1024u
 
 /* ---- in-process pipes ------------------------------------------------------------ */
@@ -99,8 +117,10 @@ KRM_HOST_API uint32_t KRM_HOST_PipeStats(uint32_t ulPipeId, KRM_HOST_PIPE_STATS_
 
 /* Opens message queue ulDest (unbounded). KRM_SEND_MSG(ulDest, ...) queues a
  * message there, or sends it over the socket bound with Listen/Connect. The
- * sender gives the message up on success and keeps it on failure. 0, RANGE
- * or BUSY. */
+ * service takes a live message over whether the send succeeds or not (its
+ * sender never frees it after the call), so a refused send releases it.
+ * KRM_SEND_MSG answers RANGE, NOT_OPENED, ARGUMENT (not a live message, or a
+ * size larger than the message) or SOCKET. 0, RANGE or BUSY. */
 KRM_HOST_API uint32_t KRM_HOST_MsgOpen(uint32_t ulDest);
 
 /* Closes a queue, releasing every queued message. 0, RANGE or NOT_OPENED. */
@@ -119,11 +139,15 @@ KRM_HOST_API uint32_t KRM_HOST_MsgConnect(uint32_t ulDest, const char *pcPath);
 /* ---- packet trace --------------------------------------------------------------------- */
 
 /* One call of KRM_AddTraceInfecPoint_Pipe: its arguments, the descriptor's
- * piece count and its first piece address (the packet). */
+ * piece count and pointer word as given (not followed; 0 and NULL for a NULL
+ * descriptor). TQM_PIPE_TRACEFLAG_GET answers the trace id kept with the
+ * first piece's buffer, TQM_PIPE_TRACEFLAG_SET stores one with every
+ * piece's buffer; both answer 1 when a piece is not a live pipe buffer
+ * start (SET then stores nothing). */
 typedef struct KRM_HOST_TRACE_CALL_S {
     uint32_t ulArg1;
     uint32_t ulNum;
-    const void *pFirst;
+    const void *pPieces;
     uint32_t ulArg2;
     uint32_t ulArg3;
     uint32_t ulArg4;
