@@ -33,8 +33,8 @@ extern "C" {
  * descriptors. A package with more packets stays queued and the read answers
  * KRM_HOST_PIPE_ERR_CAPACITY. Otherwise one descriptor per packet is filled
  * (ulNum pieces; pstIovec is the address of an array of `void *` piece
- * addresses, owned by the pipe and valid until its next read, close or
- * reset), *pulCount is the packet count, *pulStatus 0 and *pulAux the
+ * addresses, owned by the pipe and valid until the same thread's next read
+ * of that pipe, its close or a reset), *pulCount is the packet count, *pulStatus 0 and *pulAux the
  * packages still queued; the piece buffers are the reader's from then on and
  * one credit returns to the pipe (never above the number last set). Nothing
  * queued: *pulCount 0, *pulStatus 2, result 0.
