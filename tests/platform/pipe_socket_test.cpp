@@ -90,7 +90,7 @@ int EchoPeer(const TempDir &dir) {
     return 7;
 }
 
-// Live buffers the test allocated itself (the echo may be arriving already).
+// Live buffers the test allocated itself.
 std::uint32_t LiveFromTest() {
     std::uint32_t n = 0;
     (void)KRM_HOST_VisitLiveBuffers(
@@ -143,8 +143,9 @@ TEST_F(PipeSocketTest, PackagesAndMessagesMakeARoundTripThroughAnotherProcess) {
         ASSERT_EQ(KRM_PipeWriteIovecIntra(kNetPipe, static_cast<std::uint32_t>(descs.size()),
                                           descs.data()),
                   0u);
-        EXPECT_EQ(LiveFromTest(), 0u) << "sent, and the writer's buffers released";
         ASSERT_GT(KRM_HOST_PipeWait(kNetPipe, 10000), 0u);
+        // Only now: the echo's buffers were made on the link's thread.
+        EXPECT_EQ(LiveFromTest(), 0u) << "sent, and the writer's buffers released";
         const GotPackage got = ReadOne(kNetPipe, 64);
         ASSERT_EQ(got.packets.size(), pkts.size());
         for (std::size_t p = 0; p < pkts.size() && !last; ++p) {

@@ -330,8 +330,11 @@ TEST_F(PipeWriteTest, TapSeesTheWritersPiecesAndCountersFollowTheTraffic) {
     MBUF_TRANS_DESC_S descs[2] = {{1, a.iov.data()}, {2, b.iov.data()}};
     const void *aAddr = a.pieces[0].addr;
     ASSERT_EQ(KRM_PipeWriteIovecIntra(kPipe, 2, descs), 0u);
-    ASSERT_EQ(TQM_PipeIovecNoFreeWrite(kPipe, 2, b.iov.data()), 0u);
-    EXPECT_EQ(KRM_PipeIovecWrite(kPipe, 0, b.iov.data()), KRM_HOST_PIPE_ERR_ARGUMENT);
+    WriterPacket c;
+    c.pieces = {{448, 30}, {64, 64}};
+    c.Make(3);
+    ASSERT_EQ(TQM_PipeIovecNoFreeWrite(kPipe, 2, c.iov.data()), 0u);
+    EXPECT_EQ(KRM_PipeIovecWrite(kPipe, 0, c.iov.data()), KRM_HOST_PIPE_ERR_ARGUMENT);
 
     ASSERT_EQ(log.seen.size(), 2u) << "refused writes are not shown";
     EXPECT_EQ(log.seen[0].pipe, kPipe);
@@ -351,7 +354,7 @@ TEST_F(PipeWriteTest, TapSeesTheWritersPiecesAndCountersFollowTheTraffic) {
     EXPECT_EQ(stats.ulRefused, 0u);
     KRM_HOST_PipeSetTap(kPipe, nullptr, nullptr);
     Drain(kPipe);
-    b.Free();
+    c.Free();
 }
 
 TEST_F(PipeWriteTest, CloseAndResetReleaseWhatIsQueued) {
