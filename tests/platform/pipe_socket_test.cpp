@@ -8,6 +8,7 @@
 #include <unistd.h>
 
 #include <chrono>
+#include <cstdlib>
 #include <functional>
 #include <numeric>
 #include <string>
@@ -49,10 +50,11 @@ bool Retry(const std::function<std::uint32_t()> &bind) {
 
 // The other process: sends back every package (whole buffers) and every
 // message (type + 1) until a one-byte package of 0xEE.
-int EchoPeer(const TempDir &dir) {
+int EchoPeer(const std::string &dirPath) {
+    const auto sock = [&](const char *name) { return dirPath + "/" + name; };
     if (KRM_HOST_PipeOpen(kNetPipe, 0) != 0 || KRM_HOST_MsgOpen(kNetDest) != 0 ||
-        !Retry([&] { return KRM_HOST_PipeConnect(kNetPipe, dir.Sock("pipe.sock").c_str()); }) ||
-        !Retry([&] { return KRM_HOST_MsgConnect(kNetDest, dir.Sock("msg.sock").c_str()); })) {
+        !Retry([&] { return KRM_HOST_PipeConnect(kNetPipe, sock("pipe.sock").c_str()); }) ||
+        !Retry([&] { return KRM_HOST_MsgConnect(kNetDest, sock("msg.sock").c_str()); })) {
         return 2;
     }
     for (int round = 0; round < 2000; ++round) {
@@ -103,13 +105,16 @@ std::uint32_t LiveFromTest() {
 
 class PipeSocketTest : public HostTest {};
 
-TEST_F(PipeSocketTest, PackagesAndMessagesMakeARoundTripThroughAnotherProcess) {
+// Packages of every shape and two messages go to a peer process started by
+// runPeer (in a forked child, given the socket directory) and must come back
+// byte for byte, in buffers of the sizes they left in.
+void RoundTrip(const std::function<int(const std::string &)> &runPeer) {
     TempDir dir;
     ASSERT_FALSE(dir.path.empty());
     const pid_t child = ::fork();
     ASSERT_GE(child, 0);
     if (child == 0) {
-        ::_exit(EchoPeer(dir));
+        ::_exit(runPeer(dir.path));
     }
     ASSERT_EQ(KRM_HOST_PipeOpen(kNetPipe, 0), 0u);
     ASSERT_EQ(KRM_HOST_PipeListen(kNetPipe, dir.Sock("pipe.sock").c_str()), 0u);
@@ -179,6 +184,34 @@ TEST_F(PipeSocketTest, PackagesAndMessagesMakeARoundTripThroughAnotherProcess) {
     EXPECT_EQ(stats.ulWritten, std::size(packages));
     EXPECT_EQ(stats.ulRead, std::size(packages));
     EXPECT_EQ(stats.ulRefused, 0u);
+}
+
+TEST_F(PipeSocketTest, PackagesAndMessagesMakeARoundTripThroughAnotherProcess) {
+    RoundTrip(EchoPeer);
+}
+
+// The same round trip with a peer of another build, e.g. the big-endian one
+// under qemu-user: KRM_PIPE_PEER is a shell command that runs
+// ServesAsEchoPeerWhenAsked of that build; it finds the socket directory in
+// KRM_PIPE_ECHO_DIR.
+TEST_F(PipeSocketTest, RoundTripWithAPeerOfAnotherBuild) {
+    const char *peer = std::getenv("KRM_PIPE_PEER");
+    if (peer == nullptr) {
+        GTEST_SKIP() << "KRM_PIPE_PEER not set";
+    }
+    RoundTrip([peer](const std::string &dirPath) {
+        (void)::setenv("KRM_PIPE_ECHO_DIR", dirPath.c_str(), 1);
+        (void)::execl("/bin/sh", "sh", "-c", peer, static_cast<char *>(nullptr));
+        return 127;
+    });
+}
+
+TEST_F(PipeSocketTest, ServesAsEchoPeerWhenAsked) {
+    const char *dirPath = std::getenv("KRM_PIPE_ECHO_DIR");
+    if (dirPath == nullptr) {
+        GTEST_SKIP() << "KRM_PIPE_ECHO_DIR not set";
+    }
+    EXPECT_EQ(EchoPeer(dirPath), 0);
 }
 
 // A frame as the test writes it, word by word, independently of the
