@@ -224,7 +224,7 @@ struct RawFrame {
     std::uint32_t packets = ~0u;  // ~0: counts.size()
     std::uint32_t pieces = ~0u;   // ~0: recs.size()
     std::vector<std::uint32_t> counts = {1};
-    std::vector<std::array<std::uint32_t, 4>> recs = {{936, 5, 0, 0}};
+    std::vector<std::array<std::uint32_t, 5>> recs = {{936, 5, 0, 0, 0x650000}};
     std::vector<unsigned char> data = {1, 2, 3, 4, 5};
     std::size_t cut = 0;  // send only this many bytes, then close
 
@@ -235,7 +235,7 @@ struct RawFrame {
                 out.push_back(static_cast<unsigned char>(v >> s));
             }
         };
-        const std::size_t size = 32 + 4 * counts.size() + 16 * recs.size() + data.size();
+        const std::size_t size = 32 + 4 * counts.size() + 20 * recs.size() + data.size();
         for (std::uint32_t w :
              {magic, type, total != 0 ? total : static_cast<std::uint32_t>(size), id,
               packets != ~0u ? packets : static_cast<std::uint32_t>(counts.size()),
@@ -293,6 +293,9 @@ void ExpectSoundFrameArrived() {
     std::vector<unsigned char> expected(936, 0);
     std::iota(expected.begin(), expected.begin() + 5, 1);
     EXPECT_EQ(got.packets[0][0].bytes, expected);
+    KRM_HOST_BUF_INFO_S info;
+    ASSERT_EQ(KRM_HOST_BufferInfo(got.packets[0][0].addr, &info), 0u);
+    EXPECT_EQ(info.ulOwner, 0x650000u);
     FreeGot(got);
 }
 
@@ -306,13 +309,13 @@ TEST_F(PipeSocketTest, BrokenFramesAreRefusedWholeAndReported) {
     const Row rows[] = {
         {"a sound frame", [](RawFrame *) {}, nullptr, false},
         {"header cut off", [](RawFrame *f) { f->cut = 10; }, "short", false},
-        {"body cut off", [](RawFrame *f) { f->cut = 32 + 4 + 16 + 2; }, "short", false},
+        {"body cut off", [](RawFrame *f) { f->cut = 32 + 4 + 20 + 2; }, "short", false},
         {"length above the limit", [](RawFrame *f) { f->total = 64u << 20; }, "oversized", false},
         {"not a frame", [](RawFrame *f) { f->magic = 0x12345678; }, "inconsistent", false},
         {"length below a header", [](RawFrame *f) { f->total = 31; }, "inconsistent", false},
         {"piece counts do not add up",
          [](RawFrame *f) {
-             f->recs.push_back({64, 0, 0, 0});
+             f->recs.push_back({64, 0, 0, 0, 0});
          },
          "inconsistent", true},
         {"records run past the frame", [](RawFrame *f) { f->pieces = 3; }, "short", true},
