@@ -28,10 +28,9 @@ inline constexpr std::uint32_t kCapacityOff = offsetof(MBUF_CONTROL_BLK_S, usCap
 
 // The seven header words in image order.
 using HdrWord = std::uint32_t MBUF_S::*;
-inline constexpr HdrWord kHdrWords[] = {&MBUF_S::ulPktRsv,  &MBUF_S::ulTotalDataLen,
-                                        &MBUF_S::ulFlag3,   &MBUF_S::ulPktTagInfo,
-                                        &MBUF_S::ulPktRsv2, &MBUF_S::ulFlag2,
-                                        &MBUF_S::ulPktRsv3};
+inline constexpr HdrWord kHdrWords[] = {
+    &MBUF_S::ulPktRsv,  &MBUF_S::ulTotalDataLen, &MBUF_S::ulFlag3,  &MBUF_S::ulPktTagInfo,
+    &MBUF_S::ulPktRsv2, &MBUF_S::ulFlag2,        &MBUF_S::ulPktRsv3};
 static_assert(sizeof(kHdrWords) / sizeof(kHdrWords[0]) * 4 == kHdrWordsLen);
 
 // What the reader learnt of the received block.
@@ -127,8 +126,8 @@ bool TakeOtherLayout(MBUF_S *pstMbuf, const RxBlock &rx, std::uint32_t ulModuleI
 // record area is cut short by the end of the image is not taken over, and
 // the header words behind it are not looked for: nothing past the image is
 // read.
-MBUF_S *TakeBlock(MBUF_S *pstMbuf, std::uint8_t *pucBuf, std::uint32_t ulLen, std::uint32_t ulBlkOff,
-                  std::uint32_t ulModuleId, const MBUF_FILE_LINE_S *pstFl) {
+MBUF_S *TakeBlock(MBUF_S *pstMbuf, std::uint8_t *pucBuf, std::uint32_t ulLen,
+                  std::uint32_t ulBlkOff, std::uint32_t ulModuleId, const MBUF_FILE_LINE_S *pstFl) {
     std::uint8_t *pucBlk = pucBuf + ulBlkOff;
     const std::uint32_t ulAvail = ulLen - ulBlkOff;
     if (ulAvail < kSlotsOffset) {
@@ -158,6 +157,41 @@ MBUF_S *TakeBlock(MBUF_S *pstMbuf, std::uint8_t *pucBuf, std::uint32_t ulLen, st
         ReadHdrWords(pstMbuf, pucBuf + ullWords, bForeign);
     }
     return pstMbuf;
+}
+
+// True when a block head lies at ulBlkOff and its byte-order code names the
+// other order.
+bool ForeignBlockAt(const std::uint8_t *pucBuf, std::uint32_t ulLen, std::uint64_t ullBlkOff) {
+    if (ullBlkOff + kSlotsOffset > ulLen) {
+        return false;
+    }
+    const std::uint8_t ucOrder = pucBuf[ullBlkOff + kOrderOff];
+    return ucOrder != 0 && ucOrder != MBUF_BYTEORDER_HOST;
+}
+
+// The data length word is in the writer's order, which only the block
+// behind the data tells. It is taken as it reads when the data then lies
+// inside the image; a word that only fits reversed is taken reversed when a
+// block of the other order stands where that length puts it. *pulDataLen
+// is the length as read when neither fits (also when the image is too short
+// for the word itself: nothing past it is read).
+bool FindDataLen(const std::uint8_t *pucBuf, std::uint32_t ulLen, std::uint32_t *pulDataLen) {
+    if (ulLen < kDataLenLen) {
+        *pulDataLen = 0;
+        return false;
+    }
+    const std::uint32_t ulRaw = Load32(pucBuf);
+    *pulDataLen = ulRaw;
+    if (std::uint64_t{ulRaw} + kDataLenLen <= ulLen) {
+        return true;
+    }
+    const std::uint32_t ulSwapped = Swap32(ulRaw);
+    const std::uint64_t ullBlkOff = std::uint64_t{ulSwapped} + kDataLenLen;
+    if (ullBlkOff < ulLen && ForeignBlockAt(pucBuf, ulLen, ullBlkOff)) {
+        *pulDataLen = ulSwapped;
+        return true;
+    }
+    return false;
 }
 
 }  // namespace
@@ -206,23 +240,21 @@ MBUF_API MBUF_S *MBUF_Deserialize_fl(uint8_t *pucBuf, uint32_t ulLen, uint32_t u
     if (pucBuf == nullptr) {
         return nullptr;
     }
-    // An image too short for its own data length word has no data inside.
-    const uint32_t ulDataLen = ulLen < krm::kDataLenLen ? 0u : krm::Load32(pucBuf);
-    const uint64_t ullBlkOff = uint64_t{ulDataLen} + krm::kDataLenLen;
-    if (ulLen < krm::kDataLenLen || ullBlkOff > ulLen) {
+    uint32_t ulDataLen = 0;
+    if (!krm::FindDataLen(pucBuf, ulLen, &ulDataLen)) {
         krm::Report(krm::kModKrmMbufBas, 2646, "buf len %u, data len %u", ulLen,
-                    static_cast<uint32_t>(ullBlkOff));
+                    ulDataLen + krm::kDataLenLen);
         return nullptr;
     }
+    const uint32_t ulBlkOff = ulDataLen + krm::kDataLenLen;
     const MBUF_FILE_LINE_S stFl = krm::FileLine(pcFileName, ulLine);
     MBUF_S *pstMbuf =
         MBUF_CreateMbufWithBufferData(pucBuf + krm::kDataLenLen, static_cast<int32_t>(ulDataLen), 0,
                                       0, nullptr, ulModuleId, &stFl);
-    if (pstMbuf == nullptr || ullBlkOff == ulLen) {
+    if (pstMbuf == nullptr || ulBlkOff == ulLen) {
         return pstMbuf;
     }
-    return krm::TakeBlock(pstMbuf, pucBuf, ulLen, static_cast<uint32_t>(ullBlkOff), ulModuleId,
-                          &stFl);
+    return krm::TakeBlock(pstMbuf, pucBuf, ulLen, ulBlkOff, ulModuleId, &stFl);
 }
 
 MBUF_API MBUF_S *MBUF_Deserialize(uint8_t *pucBuf, uint32_t ulLen, uint32_t ulModuleId) {

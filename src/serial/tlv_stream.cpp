@@ -76,9 +76,8 @@ void CopyData(MBUF_S *pstMbuf, const Out &out, std::uint32_t ulDataLen) {
 void CopyRecord(MBUF_S *pstMbuf, const std::uint8_t *pucRec, std::uint8_t *pucDst,
                 std::uint32_t ulRoom, std::uint32_t ulLen) {
     const std::uint8_t *pucEnd = ctl::UsedEnd(pstMbuf->pstCtlInfo);
-    const auto ulInside =
-        static_cast<std::uint32_t>(pucRec < pucEnd ? std::min<std::ptrdiff_t>(pucEnd - pucRec, ulLen)
-                                                   : 0);
+    const auto ulInside = static_cast<std::uint32_t>(
+        pucRec < pucEnd ? std::min<std::ptrdiff_t>(pucEnd - pucRec, ulLen) : 0);
     const int iRet = memcpy_s(pucDst, ulRoom, pucRec, ulInside);
     if (iRet != 0) {
         Report(kModKrmMbuf, 2345, "memcpy_s return %d", iRet);
@@ -242,8 +241,8 @@ MBUF_API uint32_t MBUF_TransMbuf2Tlv_fl(MBUF_S *pstMbuf, uint8_t *pucBuf, uint32
                                         uint32_t ulModuleId, const char *pcFileName,
                                         uint32_t ulLine) {
     if (static_cast<int32_t>(ulBufLen) < 1) {
-        krm::Report(krm::kModKrmMbuf, 2301, "Input buflen %u err from %s:%u.", ulBufLen,
-                    pcFileName, ulLine);
+        krm::Report(krm::kModKrmMbuf, 2301, "Input buflen %u err from %s:%u.", ulBufLen, pcFileName,
+                    ulLine);
     }
     if (pstMbuf == nullptr || pucBuf == nullptr || (pstMbuf->ulFlag & MBUF_PKTHDR) == 0) {
         return MBUF_ERR_NO_DATA;
@@ -270,8 +269,9 @@ MBUF_API uint32_t MBUF_TransMbuf2Tlv_fl(MBUF_S *pstMbuf, uint8_t *pucBuf, uint32
     if (out.Holds(0, ulEnd) && pstMbuf->pstCtlInfo != nullptr) {
         ulEnd = krm::WriteRecords(pstMbuf, out, ulEnd);
     } else if (pstMbuf->pstCtlInfo != nullptr) {
-        krm::Report(krm::kModKrmMbuf, 2338, "Input buflen %u err from %s:%u when encap type %u len %u.",
-                    ulRoom, pcFileName, ulLine, 0u, MBUF_GetCtlLen(pstMbuf, 0));
+        krm::Report(krm::kModKrmMbuf, 2338,
+                    "Input buflen %u err from %s:%u when encap type %u len %u.", ulRoom, pcFileName,
+                    ulLine, 0u, MBUF_GetCtlLen(pstMbuf, 0));
     }
     krm::Put16(out, krm::kLengthOff, static_cast<uint16_t>(ulEnd - krm::kLengthBase));
     return MBUF_OK;
@@ -280,7 +280,8 @@ MBUF_API uint32_t MBUF_TransMbuf2Tlv_fl(MBUF_S *pstMbuf, uint8_t *pucBuf, uint32
 MBUF_API uint32_t MBUF_TransMbuf2Tlv(MBUF_S *pstMbuf, uint8_t *pucBuf, uint32_t ulBufLen,
                                      uint32_t ulModuleId) {
     return MBUF_TransMbuf2Tlv_fl(pstMbuf, pucBuf, ulBufLen, ulModuleId,
-                                 krm::wrap::kTransMbuf2Tlv.pcName, krm::wrap::kTransMbuf2Tlv.ulLine);
+                                 krm::wrap::kTransMbuf2Tlv.pcName,
+                                 krm::wrap::kTransMbuf2Tlv.ulLine);
 }
 
 MBUF_API MBUF_S *MBUF_TransTlv2Mbuf_fl(uint8_t *pucBuf, uint32_t ulBufLen, uint32_t ulModuleId,
@@ -313,9 +314,9 @@ MBUF_API MBUF_S *MBUF_TransTlv2Mbuf_fl(uint8_t *pucBuf, uint32_t ulBufLen, uint3
         krm::Report(krm::kModKrmMbuf, 2419, "T=%u B=%u", ulTotal, ulBufLen);
         return nullptr;
     }
-    MBUF_S *pstMbuf = MBUF_CreateByCopyBuffer_fl(krm::kHeadRoomOfCopy, ulDataLen,
-                                                 pucBuf + krm::kHeadLen, 0, ulModuleId,
-                                                 krm::kReaderName, 2423);
+    MBUF_S *pstMbuf =
+        MBUF_CreateByCopyBuffer_fl(krm::kHeadRoomOfCopy, ulDataLen, pucBuf + krm::kHeadLen, 0,
+                                   ulModuleId, krm::kReaderName, 2423);
     if (pstMbuf == nullptr) {
         krm::Report(krm::kModKrmMbuf, 2425, "Create Copy Buf Error");
         return nullptr;
