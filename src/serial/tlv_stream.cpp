@@ -57,8 +57,7 @@ void Put16(const Out &out, std::uint32_t off, std::uint16_t v) {
     }
 }
 
-void CopyData(MBUF_S *pstMbuf, const Out &out, std::uint32_t ulDataLen) {
-    const std::uint8_t *pucData = MBUF_GetData(pstMbuf);
+void CopyData(const std::uint8_t *pucData, const Out &out, std::uint32_t ulDataLen) {
     const std::int64_t llRoom = std::int64_t{out.len} - kHeadLen;
     const int iRet = llRoom < 0 ? -1
                                 : memcpy_s(out.buf + kHeadLen, static_cast<std::size_t>(llRoom),
@@ -260,11 +259,12 @@ MBUF_API uint32_t MBUF_TransMbuf2Tlv_fl(MBUF_S *pstMbuf, uint8_t *pucBuf, uint32
     }
     krm::Put16(out, krm::kDataTypeOff, MBUF_TLV_DATA_TYPE);
     krm::Put16(out, krm::kDataLenOff, usDataLen);
-    if (MBUF_MakeMemoryContinuous_fl(pstMbuf, 0, usDataLen, ulModuleId, krm::kWriterName, 2318) ==
-        nullptr) {
+    const uint8_t *pucData =
+        MBUF_MakeMemoryContinuous_fl(pstMbuf, 0, usDataLen, ulModuleId, krm::kWriterName, 2318);
+    if (pucData == nullptr) {
         return MBUF_ERR_NOMEM;
     }
-    krm::CopyData(pstMbuf, out, usDataLen);
+    krm::CopyData(pucData, out, usDataLen);
     uint32_t ulEnd = krm::kHeadLen + usDataLen;
     if (out.Holds(0, ulEnd) && pstMbuf->pstCtlInfo != nullptr) {
         ulEnd = krm::WriteRecords(pstMbuf, out, ulEnd);
