@@ -42,7 +42,8 @@ inline constexpr const char *kReaderName = "MBUF_TransTlv2Mbuf_fl";
 // Where the writer stands in the caller's buffer.
 struct Out {
     std::uint8_t *buf;
-    std::uint32_t len;
+    std::uint32_t len;     // bytes that may be written
+    std::uint32_t bufLen;  // the caller's length, as reports show it
     const char *file;
     std::uint32_t line;
 
@@ -64,7 +65,7 @@ void CopyData(const std::uint8_t *pucData, const Out &out, std::uint32_t ulDataL
                                            pucData, ulDataLen);
     if (iRet != 0) {
         Report(kModKrmMbuf, 2322, "Input buflen %u err from %s:%u when encap type %u len %u.",
-               out.len, out.file, out.line, 0u, ulDataLen);
+               out.bufLen, out.file, out.line, 0u, ulDataLen);
     }
 }
 
@@ -99,7 +100,7 @@ std::uint32_t WriteRecords(MBUF_S *pstMbuf, const Out &out, std::uint32_t ulPos)
         llRemaining -= kTlvHeadLen + std::int64_t{ulLen};
         if (llRemaining < 0) {
             Report(kModKrmMbuf, 2338, "Input buflen %u err from %s:%u when encap type %u len %u.",
-                   out.len, out.file, out.line, ulType, ulLen);
+                   out.bufLen, out.file, out.line, ulType, ulLen);
             break;
         }
         Store16At(out.buf, ulPos, static_cast<std::uint16_t>(ulType));
@@ -249,7 +250,7 @@ MBUF_API uint32_t MBUF_TransMbuf2Tlv_fl(MBUF_S *pstMbuf, uint8_t *pucBuf, uint32
     // A signed length below 1 is taken as it is reported: the buffer holds
     // nothing, and nothing is written into it.
     const uint32_t ulRoom = static_cast<int32_t>(ulBufLen) < 1 ? 0u : ulBufLen;
-    const krm::Out out{pucBuf, ulRoom, pcFileName, ulLine};
+    const krm::Out out{pucBuf, ulRoom, ulBufLen, pcFileName, ulLine};
     if (out.Holds(0, krm::kFilledHeadLen)) {
         MBUF_TransMbuf2Tlv_fl_FillHead(pucBuf, pstMbuf);
     }
@@ -270,8 +271,8 @@ MBUF_API uint32_t MBUF_TransMbuf2Tlv_fl(MBUF_S *pstMbuf, uint8_t *pucBuf, uint32
         ulEnd = krm::WriteRecords(pstMbuf, out, ulEnd);
     } else if (pstMbuf->pstCtlInfo != nullptr) {
         krm::Report(krm::kModKrmMbuf, 2338,
-                    "Input buflen %u err from %s:%u when encap type %u len %u.", ulRoom, pcFileName,
-                    ulLine, 0u, MBUF_GetCtlLen(pstMbuf, 0));
+                    "Input buflen %u err from %s:%u when encap type %u len %u.", ulBufLen,
+                    pcFileName, ulLine, 0u, MBUF_GetCtlLen(pstMbuf, 0));
     }
     krm::Put16(out, krm::kLengthOff, static_cast<uint16_t>(ulEnd - krm::kLengthBase));
     return MBUF_OK;
