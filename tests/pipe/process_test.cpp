@@ -1,0 +1,82 @@
+// Across processes: a forked peer receives packets of random shapes with
+// records through a socket-bound pipe (and as messages), compares each with
+// its own copy and answers with a digest that the sender checks.
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <string>
+
+#include "../../tools/pipe-peer/road_packets.h"
+#include "pipe_support.h"
+
+namespace krm::test {
+namespace {
+
+constexpr std::uint32_t kChannel = 3;
+
+class ProcessTest : public HostTest {};
+
+// Runs the receiver in a child and the sender here; returns the sender's
+// tally and stores the child's exit status.
+road::Tally Converse(road::Mode mode, std::uint32_t count, int *pStatus) {
+    const std::string path = "/tmp/krm-pipe-test-" + std::to_string(getpid()) +
+                             (mode == road::Mode::Msg ? "-msg" : "-pipe");
+    unlink(path.c_str());
+    const pid_t pid = fork();
+    if (pid == 0) {
+        KRM_HOST_Reset();
+        const bool bound = road::Bind(mode, kChannel, path.c_str(), true) == 0;
+        const road::Tally t = bound ? road::RunReceiver(mode, kChannel, 0, count) : road::Tally{};
+        KRM_HOST_Reset();
+        _exit(t.equal == count && t.differ == 0 ? 0 : 1);
+    }
+    road::Tally t;
+    EXPECT_EQ(road::Bind(mode, kChannel, path.c_str(), false), 0u);
+    t = road::RunSender(mode, kChannel, 0, count);
+    EXPECT_EQ(waitpid(pid, pStatus, 0), pid);
+    unlink(path.c_str());
+    KRM_HOST_Reset();
+    return t;
+}
+
+TEST_F(ProcessTest, ForkedPeerAnswersEveryPacket) {
+    const struct {
+        road::Mode mode;
+        std::uint32_t count;
+    } rows[] = {{road::Mode::Pipe, 1000}, {road::Mode::Msg, 200}};
+    for (const auto &row : rows) {
+        SCOPED_TRACE(row.mode == road::Mode::Pipe ? "pipe" : "message");
+        int status = -1;
+        const road::Tally t = Converse(row.mode, row.count, &status);
+        EXPECT_EQ(t.equal, row.count);
+        EXPECT_EQ(t.differ, 0u);
+        ASSERT_TRUE(WIFEXITED(status));
+        EXPECT_EQ(WEXITSTATUS(status), 0) << "the peer saw a packet differ";
+    }
+}
+
+// The digest tells packets apart: a changed byte, record or field shows.
+TEST_F(ProcessTest, DigestSeesEveryChange) {
+    const std::vector<std::pair<const char *, void (*)(MBUF_S *)>> changes = {
+        {"data byte", [](MBUF_S *m) { m->pucData[0] ^= 1; }},
+        {"path id", [](MBUF_S *m) { (void)MBUF_SetPathId(m, 12345); }},
+        {"flag2", [](MBUF_S *m) { (void)MBUF_SetFlag2(m, 0x80000000u); }},
+        {"record byte",
+         [](MBUF_S *m) {
+             static_cast<std::uint8_t *>(MBUF_GetControlInfo(m, road::kBlockRecord))[7] ^= 4;
+         }},
+        {"length", [](MBUF_S *m) { (void)MBUF_CutTail(m, 1); }},
+    };
+    for (const auto &[name, change] : changes) {
+        MBUF_S *a = road::MakePacket(3);
+        MBUF_S *b = road::MakePacket(3);
+        EXPECT_EQ(road::Digest(a), road::Digest(b));
+        change(b);
+        EXPECT_NE(road::Digest(a), road::Digest(b)) << name;
+        MBUF_Destroy(a);
+        MBUF_Destroy(b);
+    }
+}
+
+}  // namespace
+}  // namespace krm::test
