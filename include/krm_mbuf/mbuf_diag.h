@@ -42,8 +42,9 @@ MBUF_API uint32_t MBUF_TRACE_AdjustCondOrder(MBUF_TRACE_COND_S *pstCond);
 MBUF_API uint32_t MBUF_TRACE_JudgeParaMatch(uint32_t ulArg1, uint32_t ulEnable,
                                             MBUF_TRANS_DESC_S *pstDesc, MBUF_TRACE_COND_S *pstCond);
 
-/* Hands a packet to the platform's trace point as a one-piece receive
- * descriptor (the packet's address), with the other arguments passed on.
+/* Hands a packet to the platform's trace point as a one-piece descriptor
+ * (count 1, the packet's address in the address word), with the other
+ * arguments passed on.
  * Does nothing for a NULL packet. The packet stays the caller's. */
 MBUF_API void MBUF_TRACE_AddTraceInfdec(uint32_t ulArg1, MBUF_S *pstMbuf, uint32_t ulArg2,
                                         uint32_t ulArg3, uint32_t ulArg4, uint32_t ulArg5);

@@ -223,9 +223,8 @@ MBUF_API void MBUF_TRACE_AddTraceInfdec(uint32_t ulArg1, MBUF_S *pstMbuf, uint32
     if (pstMbuf == nullptr) {
         return;
     }
-    // The trace point takes a receive descriptor: one piece, the packet.
-    void *apvPieces[1] = {pstMbuf};
-    MBUF_TRANS_DESC_S stDesc{1, reinterpret_cast<MBUF_IOVEC_S *>(apvPieces)};
+    // One piece: the descriptor's address word is the packet itself.
+    MBUF_TRANS_DESC_S stDesc{1, reinterpret_cast<MBUF_IOVEC_S *>(pstMbuf)};
     (void)KRM_AddTraceInfecPoint_Pipe(ulArg1, &stDesc, ulArg2, ulArg3, ulArg4, ulArg5);
 }
 

@@ -12,6 +12,7 @@
 
 #include "chain_builder.h"
 #include "host_test.h"
+#include "krm_host/pipe.h"
 #include "krm_mbuf/mbuf.h"
 
 namespace krm::test {
@@ -256,6 +257,38 @@ TEST_F(TraceRefusalTest, BadArgumentsAndPiecesThatLieAreRefusedWithoutReadingOut
         fresh.pkt->ulRsv2 = savedRsv2;
         fresh.pkt->pstNext->ulRsv2 = savedRsv2Next;
     }
+}
+
+using TraceServiceTest = HostTest;
+
+TEST_F(TraceServiceTest, PacketsReachTheTracePointAndTheirIdentifierLivesInTheHeadBuffer) {
+    MBUF_S *pkt = BuildChain({ClusterNode(300, 4), InlineNode(20)}, 2);
+    MBUF_TRACE_AddTraceInfdec(5, pkt, 6, 7, 8, 9);
+    MBUF_TRACE_AddTraceInfdec(5, nullptr, 6, 7, 8, 9);
+    ASSERT_EQ(KRM_HOST_TraceCallCount(), 1u);
+    KRM_HOST_TRACE_CALL_S call{};
+    ASSERT_EQ(KRM_HOST_TraceCallGet(0, &call), 0u);
+    EXPECT_EQ(std::vector<std::uint32_t>(
+                  {call.ulArg1, call.ulNum, call.ulArg2, call.ulArg3, call.ulArg4, call.ulArg5}),
+              std::vector<std::uint32_t>({5, 1, 6, 7, 8, 9}));
+    EXPECT_EQ(call.pPieces, pkt);
+
+    std::uint32_t id = 0;
+    EXPECT_EQ(MBUF_TRACE_SetTraceId(pkt, 0xC0FFEEu), 0u);
+    EXPECT_EQ(MBUF_TRACE_GetTraceId(pkt, &id), 0u);
+    EXPECT_EQ(id, 0xC0FFEEu);
+    KRM_HOST_BUF_INFO_S info{};
+    ASSERT_EQ(KRM_HOST_BufferInfo(pkt, &info), 0u);
+    EXPECT_EQ(info.ulTraceId, 0xC0FFEEu);
+
+    // Not a packet head: refused before the service is asked.
+    id = 0;
+    EXPECT_EQ(MBUF_TRACE_GetTraceId(pkt->pstNext, &id), 1u);
+    EXPECT_EQ(MBUF_TRACE_SetTraceId(pkt->pstNext, 1), 1u);
+    EXPECT_EQ(MBUF_TRACE_GetTraceId(nullptr, &id), 1u);
+    EXPECT_EQ(MBUF_TRACE_SetTraceId(nullptr, 1), 1u);
+    EXPECT_EQ(id, 0u);
+    MBUF_Destroy(pkt);
 }
 
 }  // namespace
