@@ -30,8 +30,52 @@ void ClearLinkWords(MBUF_S *pstNode) {
     std::memset(reinterpret_cast<std::uint8_t *>(pstNode) + kNodeLinkOffset, 0, kNodeLinkLen);
 }
 
-// Link words cleared, or the data moved to an external buffer (normal mode)
-// or refused (read-only, with the caller's report).
+bool NeedsUpgrade(const MBUF_CONTROL_BLK_S *pstCtl) {
+    return pstCtl->ucSlotNum >= kSlotNumOldest && pstCtl->ucSlotNum <= kSlotNumNewest &&
+           pstCtl->ucSlotNum != kSlotNumCurrent;
+}
+
+// The control block piece: present and at least its fixed part long.
+std::uint32_t TakeCtlPiece(MBUF_S *pstHead, const PieceList &pieces, std::uint32_t *pulCount) {
+    if (*pulCount == 0) {
+        Report(kModKrmMbufTrans, 402, "Mbuf Recv: no tag piece");
+        return MBUF_ERR_NULL_MBUF;
+    }
+    --*pulCount;
+    void *pPiece = pieces.At(*pulCount);
+    if (pPiece == nullptr || KRM_DbufLengthGET(pPiece) < kCtlFixedLen) {
+        Report(kModKrmMbufTrans, 408, "Mbuf Recv: bad tag piece %u", *pulCount);
+        return MBUF_ERR_NULL_MBUF;
+    }
+    pstHead->pstCtlInfo = static_cast<MBUF_CONTROL_BLK_S *>(pPiece);
+    pstHead->ulFlag &= ~MBUF_FLAG_CTLINFO_SENT;
+    return MBUF_OK;
+}
+
+// A vector names the size of an external buffer by the length of the entry
+// that follows the buffer's own; where the vector has no such entry, the
+// buffer's real size stands in rather than a word past the caller's array.
+std::uint32_t ExtSize(const PieceList &pieces, std::uint32_t ulNext, std::uint32_t ulBufLen,
+                      const RebuildMode &mode) {
+    std::uint32_t ulLen = ulBufLen;
+    if (mode.bExtSizeFromNextEntry && pieces.LenAt(ulNext, &ulLen)) {
+        return ulLen;
+    }
+    return ulBufLen;
+}
+
+// A node already in the chain would close a loop.
+bool IsLinked(const MBUF_S *pstHead, const MBUF_S *pstNode) {
+    for (const MBUF_S *pstCur = pstHead; pstCur != nullptr; pstCur = pstCur->pstNext) {
+        if (pstCur == pstNode) {
+            return true;
+        }
+    }
+    return false;
+}
+
+}  // namespace
+
 std::uint32_t MakeRoom(MBUF_S *pstNode, const RebuildMode &mode, std::uint32_t ulRoLine,
                        const char *pcRoText, bool *pbAllocated) {
     *pbAllocated = false;
@@ -49,40 +93,6 @@ std::uint32_t MakeRoom(MBUF_S *pstNode, const RebuildMode &mode, std::uint32_t u
     *pbAllocated = true;
     return MBUF_OK;
 }
-
-bool NeedsUpgrade(const MBUF_CONTROL_BLK_S *pstCtl) {
-    return pstCtl->ucSlotNum >= kSlotNumOldest && pstCtl->ucSlotNum <= kSlotNumNewest &&
-           pstCtl->ucSlotNum != kSlotNumCurrent;
-}
-
-// The control block piece: present and at least its fixed part long.
-std::uint32_t TakeCtlPiece(MBUF_S *pstHead, void *const *ppPieces, std::uint32_t *pulCount) {
-    if (*pulCount == 0) {
-        Report(kModKrmMbufTrans, 402, "Mbuf Recv: no tag piece");
-        return MBUF_ERR_NULL_MBUF;
-    }
-    --*pulCount;
-    void *pPiece = ppPieces[*pulCount];
-    if (pPiece == nullptr || KRM_DbufLengthGET(pPiece) < kCtlFixedLen) {
-        Report(kModKrmMbufTrans, 408, "Mbuf Recv: bad tag piece %u", *pulCount);
-        return MBUF_ERR_NULL_MBUF;
-    }
-    pstHead->pstCtlInfo = static_cast<MBUF_CONTROL_BLK_S *>(pPiece);
-    pstHead->ulFlag &= ~MBUF_FLAG_CTLINFO_SENT;
-    return MBUF_OK;
-}
-
-// A node already in the chain would close a loop.
-bool IsLinked(const MBUF_S *pstHead, const MBUF_S *pstNode) {
-    for (const MBUF_S *pstCur = pstHead; pstCur != nullptr; pstCur = pstCur->pstNext) {
-        if (pstCur == pstNode) {
-            return true;
-        }
-    }
-    return false;
-}
-
-}  // namespace
 
 bool IsSameOrder(const MBUF_S *pstHead) {
     std::uint8_t ucLocal = 0;
@@ -108,11 +118,11 @@ std::uint32_t PrepareHead(MBUF_S *pstHead, bool bSameOrder, const RebuildMode &m
     return MakeRoom(pstHead, mode, 387, "Mbuf Recv: mBufTop need alloc ext buf", pbAllocated);
 }
 
-std::uint32_t AttachCtlInfo(MBUF_S *pstHead, void *const *ppPieces, std::uint32_t *pulCount,
+std::uint32_t AttachCtlInfo(MBUF_S *pstHead, const PieceList &pieces, std::uint32_t *pulCount,
                             bool bSameOrder, const RebuildMode &mode) {
     pstHead->pstCtlInfo = &pstHead->stCtlInfo.stBlk;
     if ((pstHead->ulFlag & MBUF_FLAG_CTLINFO_SENT) != 0) {
-        const std::uint32_t rc = TakeCtlPiece(pstHead, ppPieces, pulCount);
+        const std::uint32_t rc = TakeCtlPiece(pstHead, pieces, pulCount);
         if (rc != MBUF_OK) {
             return rc;
         }
@@ -133,7 +143,7 @@ std::uint32_t AttachCtlInfo(MBUF_S *pstHead, void *const *ppPieces, std::uint32_
     return MBUF_OK;
 }
 
-std::uint32_t LinkNodeData(MBUF_S *pstNode, void *const *ppPieces, std::uint32_t ulCount,
+std::uint32_t LinkNodeData(MBUF_S *pstNode, const PieceList &pieces, std::uint32_t ulCount,
                            std::uint32_t *pulIndex, bool bAllocated, const RebuildMode &mode) {
     if ((pstNode->ulFlag & MBUF_EXT) == 0) {
         pstNode->pucData = reinterpret_cast<std::uint8_t *>(pstNode) + pstNode->ulRsv2;
@@ -142,7 +152,7 @@ std::uint32_t LinkNodeData(MBUF_S *pstNode, void *const *ppPieces, std::uint32_t
             Report(kModKrmMbufTrans, 447, "Mbuf Recv: no ext piece %u of %u", *pulIndex, ulCount);
             return MBUF_ERR_EXT_MISSING;
         }
-        auto *pucBuf = static_cast<std::uint8_t *>(ppPieces[(*pulIndex)++]);
+        auto *pucBuf = static_cast<std::uint8_t *>(pieces.At((*pulIndex)++));
         if (pucBuf == nullptr) {
             return MBUF_ERR_EXT_MISSING;
         }
@@ -154,7 +164,7 @@ std::uint32_t LinkNodeData(MBUF_S *pstNode, void *const *ppPieces, std::uint32_t
         }
         pstNode->pucExtBuf = pucBuf;
         if (!mode.bReadOnly) {
-            pstNode->ulExtSize = ulBufLen;
+            pstNode->ulExtSize = ExtSize(pieces, *pulIndex, ulBufLen, mode);
         }
         pstNode->pucData = pucBuf + pstNode->ulRsv2;
     }
@@ -184,31 +194,11 @@ std::uint32_t PrepareNext(MBUF_S *pstNode, MBUF_S *pstPrev, const RebuildMode &m
     return MBUF_OK;
 }
 
-std::uint32_t Rebuild(MBUF_S **ppstMbuf, const MBUF_TRANS_DESC_S *pstDesc,
-                      const RebuildMode &mode) {
-    if (ppstMbuf == nullptr) {
-        return MBUF_ERR_BAD_ARG;
-    }
-    if (pstDesc == nullptr || pstDesc->pstIovec == nullptr || pstDesc->ulNum == 0) {
-        Report(kModKrmMbufTrans, 361, "Mbuf Recv: no head piece");
-        return MBUF_ERR_INVALID_MBUF;
-    }
-    void *const *ppPieces = Pieces(pstDesc);
-    auto *pstHead = static_cast<MBUF_S *>(ppPieces[0]);
-    const bool bSameOrder =
-        pstHead != nullptr && InWholeNodeBuffer(pstHead) && IsSameOrder(pstHead);
-    bool bAllocated = false;
-    std::uint32_t rc = PrepareHead(pstHead, bSameOrder, mode, &bAllocated);
-    std::uint32_t ulCount = pstDesc->ulNum;
-    if (rc == MBUF_OK) {
-        rc = AttachCtlInfo(pstHead, ppPieces, &ulCount, bSameOrder, mode);
-    }
-    if (rc != MBUF_OK) {
-        return rc;
-    }
+std::uint32_t WalkNodes(MBUF_S *pstHead, const PieceList &pieces, std::uint32_t ulCount,
+                        bool bAllocated, const RebuildMode &mode) {
     std::uint32_t ulIndex = 1;
     for (MBUF_S *pstNode = pstHead; ulCount != 0;) {
-        rc = LinkNodeData(pstNode, ppPieces, ulCount, &ulIndex, bAllocated, mode);
+        std::uint32_t rc = LinkNodeData(pstNode, pieces, ulCount, &ulIndex, bAllocated, mode);
         if (rc != MBUF_OK) {
             return rc;
         }
@@ -217,7 +207,7 @@ std::uint32_t Rebuild(MBUF_S **ppstMbuf, const MBUF_TRANS_DESC_S *pstDesc,
         if (ulIndex >= ulCount || ulMarker == 0) {
             break;
         }
-        auto *pstNext = static_cast<MBUF_S *>(ppPieces[ulIndex++]);
+        auto *pstNext = static_cast<MBUF_S *>(pieces.At(ulIndex++));
         if (pstNext != nullptr && IsLinked(pstHead, pstNext)) {
             Report(kModKrmMbufTrans, 517, "Mbuf Recv: node %u linked twice", ulIndex - 1);
             return MBUF_ERR_NULL_MBUF;
@@ -228,8 +218,46 @@ std::uint32_t Rebuild(MBUF_S **ppstMbuf, const MBUF_TRANS_DESC_S *pstDesc,
         }
         pstNode = pstNext;
     }
+    return MBUF_OK;
+}
+
+std::uint32_t Rebuild(MBUF_S **ppstMbuf, const PieceList &pieces, const RebuildMode &mode) {
+    if (ppstMbuf == nullptr) {
+        return MBUF_ERR_BAD_ARG;
+    }
+    if (pieces.Count() == 0) {
+        Report(kModKrmMbufTrans, 361, "Mbuf Recv: no head piece");
+        return MBUF_ERR_INVALID_MBUF;
+    }
+    auto *pstHead = static_cast<MBUF_S *>(pieces.At(0));
+    const bool bSameOrder =
+        pstHead != nullptr && InWholeNodeBuffer(pstHead) && IsSameOrder(pstHead);
+    bool bAllocated = false;
+    std::uint32_t rc = PrepareHead(pstHead, bSameOrder, mode, &bAllocated);
+    std::uint32_t ulCount = pieces.Count();
+    if (rc == MBUF_OK) {
+        rc = AttachCtlInfo(pstHead, pieces, &ulCount, bSameOrder, mode);
+    }
+    if (rc == MBUF_OK) {
+        rc = WalkNodes(pstHead, pieces, ulCount, bAllocated, mode);
+    }
+    if (rc != MBUF_OK) {
+        return rc;
+    }
     *ppstMbuf = pstHead;
     return MBUF_OK;
+}
+
+std::uint32_t Rebuild(MBUF_S **ppstMbuf, const MBUF_TRANS_DESC_S *pstDesc,
+                      const RebuildMode &mode) {
+    if (pstDesc == nullptr || pstDesc->pstIovec == nullptr) {
+        if (ppstMbuf == nullptr) {
+            return MBUF_ERR_BAD_ARG;
+        }
+        Report(kModKrmMbufTrans, 361, "Mbuf Recv: no head piece");
+        return MBUF_ERR_INVALID_MBUF;
+    }
+    return Rebuild(ppstMbuf, PieceList::FromAddresses(Pieces(pstDesc), pstDesc->ulNum), mode);
 }
 
 }  // namespace krm::pipe

@@ -124,7 +124,8 @@ uint32_t MBUF_RcvTransReadOnly_ProcFirstTag(MBUF_TRANS_DESC_S *pstDesc, uint32_t
         *pulCount = pstDesc->ulNum;
     }
     auto *pstHead = static_cast<MBUF_S *>(Pieces(pstDesc)[0]);
-    return AttachCtlInfo(pstHead, Pieces(pstDesc), pulCount, bSameOrder != 0, kReadOnly);
+    return AttachCtlInfo(pstHead, PieceList::FromAddresses(Pieces(pstDesc), pstDesc->ulNum),
+                         pulCount, bSameOrder != 0, kReadOnly);
 }
 
 uint32_t MBUF_RcvTransReadOnly_LinkExtData(MBUF_S *pstMbuf, MBUF_TRANS_DESC_S *pstDesc,
@@ -133,7 +134,8 @@ uint32_t MBUF_RcvTransReadOnly_LinkExtData(MBUF_S *pstMbuf, MBUF_TRANS_DESC_S *p
         pulIndex == nullptr) {
         return MBUF_ERR_NULL_MBUF;
     }
-    return LinkNodeData(pstMbuf, Pieces(pstDesc), pstDesc->ulNum, pulIndex, false, kReadOnly);
+    return LinkNodeData(pstMbuf, PieceList::FromAddresses(Pieces(pstDesc), pstDesc->ulNum),
+                        pstDesc->ulNum, pulIndex, false, kReadOnly);
 }
 
 uint32_t MBUF_RcvTransReadOnly_VerifyOtherMbuf(MBUF_S *pstMbuf, MBUF_S *pstPrev) {

@@ -47,6 +47,8 @@ std::uint32_t Describe(MBUF_S *pstHead, const VectorLayout &layout, MBUF_IOVEC_S
                 return MBUF_ERR_TOO_MANY_IOVEC;
             }
             return MBUF_OK;
+        case LimitPolicy::Budget:
+            return MBUF_OK;
         case LimitPolicy::ReportCount:
             if (result.end == WalkEnd::ExtCut) {
                 Report(kModKrmMbufSend, 318, "picNum out");

@@ -72,11 +72,27 @@ void DescribeCtl(MBUF_S *pstHead, MBUF_IOVEC_S *pstOut, PieceKind *pKinds,
              pulCount);
 }
 
+namespace {
+// The budget a forwarding vector keeps: one entry short of its limit after
+// every node.
+bool OverBudget(const MBUF_S *pstNode, std::uint32_t ulCount, std::uint32_t ulMax) {
+    const std::uint32_t ulNeed = (pstNode->ulFlag & MBUF_EXT) != 0 ? 2u : 1u;
+    return static_cast<std::uint64_t>(ulCount) + ulNeed >= ulMax;
+}
+}  // namespace
+
 VectorResult BuildVector(MBUF_S *pstHead, const VectorLayout &layout, std::uint32_t ulMax,
-                         MBUF_IOVEC_S *pstOut, PieceKind *pKinds, const MBUF_FILE_LINE_S *pstFl) {
+                         MBUF_IOVEC_S *pstOut, PieceKind *pKinds, const MBUF_FILE_LINE_S *pstFl,
+                         std::uint32_t ulStart) {
     VectorResult result;
+    result.ulCount = ulStart;
+    const bool bBudget = layout.limit == LimitPolicy::Budget;
     for (MBUF_S *pstNode = pstHead; pstNode != nullptr;) {
-        if ((pstNode->ulFlag & MBUF_EXT) != 0 && result.ulCount + 1 == ulMax) {
+        if (bBudget && OverBudget(pstNode, result.ulCount, ulMax)) {
+            result.end = WalkEnd::OverBudget;
+            return result;
+        }
+        if (!bBudget && (pstNode->ulFlag & MBUF_EXT) != 0 && result.ulCount + 1 == ulMax) {
             // No room for the external data: the node piece is the last one.
             AddPiece(pstNode, layout.ulExtNodeLen, PieceKind::ExtNode, pstOut, pKinds,
                      &result.ulCount);
@@ -85,10 +101,13 @@ VectorResult BuildVector(MBUF_S *pstHead, const VectorLayout &layout, std::uint3
         }
         DescribeNode(pstNode, layout, pstOut, pKinds, &result.ulCount);
         pstNode = LinkMarker(pstNode, pstFl);
-        if (pstNode != nullptr && result.ulCount >= ulMax) {
+        if (!bBudget && pstNode != nullptr && result.ulCount >= ulMax) {
             result.end = WalkEnd::Full;
             return result;
         }
+    }
+    if (bBudget) {
+        return result;
     }
     if (result.ulCount >= ulMax) {
         result.end = WalkEnd::FullAtEnd;

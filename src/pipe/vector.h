@@ -22,9 +22,11 @@ enum class NodePiece : std::uint8_t {
 
 // What an operation does when the packet needs more pieces than it may use.
 enum class LimitPolicy : std::uint8_t {
-    Truncate,    // send what fits, no error
-    Refuse,      // report and fail with 1009
-    ReportCount  // report and answer the count
+    Truncate,     // send what fits, no error
+    Refuse,       // report and fail with 1009
+    ReportCount,  // report and answer the count
+    Budget        // a node only while its entries stay strictly below the
+                  // limit; the control block is left to the caller
 };
 
 struct VectorLayout {
@@ -35,10 +37,11 @@ struct VectorLayout {
 
 // How a walk ended.
 enum class WalkEnd : std::uint8_t {
-    Complete,  // every node described, the control block too when separate
-    ExtCut,    // an external node met with one entry left: its node piece is the last
-    Full,      // the limit reached with nodes still to come
-    FullAtEnd  // the last node filled the limit: no room for the control block
+    Complete,   // every node described, the control block too when separate
+    ExtCut,     // an external node met with one entry left: its node piece is the last
+    Full,       // the limit reached with nodes still to come
+    FullAtEnd,  // the last node filled the limit: no room for the control block
+    OverBudget  // Budget: the next node's entries would not stay below the limit
 };
 
 struct VectorResult {
@@ -62,8 +65,10 @@ bool HasSeparateCtl(const MBUF_S *pstHead);
 // Adds the control block as the last piece and flags the head.
 void DescribeCtl(MBUF_S *pstHead, MBUF_IOVEC_S *pstOut, PieceKind *pKinds, std::uint32_t *pulCount);
 
-// The walk: at most ulMax entries into pstOut (ulMax >= 1).
+// The walk: at most ulMax entries into pstOut (ulMax >= 1), the first at
+// pstOut[ulStart].
 VectorResult BuildVector(MBUF_S *pstHead, const VectorLayout &layout, std::uint32_t ulMax,
-                         MBUF_IOVEC_S *pstOut, PieceKind *pKinds, const MBUF_FILE_LINE_S *pstFl);
+                         MBUF_IOVEC_S *pstOut, PieceKind *pKinds, const MBUF_FILE_LINE_S *pstFl,
+                         std::uint32_t ulStart = 0);
 
 }  // namespace krm::pipe
