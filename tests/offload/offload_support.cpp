@@ -133,7 +133,7 @@ Bytes HeaderDst(const FrameSpec &spec, const Bytes &frame) {
     return dst;
 }
 
-void SetTsoTlv(MBUF_S *pstMbuf, const FrameSpec &spec, const Bytes &dst) {
+void SetTsoTlv(MBUF_S *pstMbuf, const FrameSpec &spec, const Bytes &dst, std::int32_t totalLen) {
     MBUF_TSO_TLV_S tlv{};
     tlv.usType = MBUF_TSO_TLV_TYPE;
     tlv.usLen = MBUF_TSO_TLV_LEN;
@@ -141,7 +141,9 @@ void SetTsoTlv(MBUF_S *pstMbuf, const FrameSpec &spec, const Bytes &dst) {
     tlv.usTcpHdrLen = static_cast<std::uint16_t>(spec.tcpHdrLen);
     tlv.usIpHdrLen = static_cast<std::uint16_t>(spec.ipHdrLen);
     tlv.usMss = spec.mss;
-    tlv.usTotalLen = static_cast<std::uint16_t>(spec.ipHdrLen + spec.tcpHdrLen + spec.payloadLen);
+    tlv.usTotalLen = static_cast<std::uint16_t>(totalLen >= 0 ? static_cast<std::uint32_t>(totalLen)
+                                                              : spec.ipHdrLen + spec.tcpHdrLen +
+                                                                    spec.payloadLen);
     std::copy(dst.begin(), dst.begin() + 16, tlv.aucDstAddr);
     ASSERT_EQ(MBUF_SetTlvInfo(pstMbuf, kModule, reinterpret_cast<const MBUF_CTL_TLV_S *>(&tlv)), 0);
 }

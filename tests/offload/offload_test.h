@@ -67,8 +67,10 @@ Bytes BuildFrame(const FrameSpec &spec);
 // header's own).
 Bytes HeaderDst(const FrameSpec &spec, const Bytes &frame);
 
-// Stores the segmentation TLV describing the frame on the packet.
-void SetTsoTlv(MBUF_S *pstMbuf, const FrameSpec &spec, const Bytes &dst);
+// Stores the segmentation TLV describing the frame on the packet; its
+// usTotalLen is the frame's from the IP header on unless given.
+void SetTsoTlv(MBUF_S *pstMbuf, const FrameSpec &spec, const Bytes &dst,
+               std::int32_t totalLen = -1);
 
 // The segments the frame must yield, at most `capacity`, every field and
 // checksum computed from scratch.
