@@ -33,8 +33,10 @@ std::size_t SumNativePortable(const std::uint8_t *p, std::size_t ulLen, std::uin
     return i;
 }
 
+}  // namespace
+
 // Native sum folded and turned into the big-endian sum.
-inline std::uint32_t NativeToBe(std::uint64_t ullNative) {
+std::uint32_t NativeToBe(std::uint64_t ullNative) {
     const std::uint32_t ulFolded = Fold16(ullNative);
 #if defined(__BYTE_ORDER__) && __BYTE_ORDER__ == __ORDER_LITTLE_ENDIAN__
     return SwapSum(ulFolded);
@@ -42,6 +44,8 @@ inline std::uint32_t NativeToBe(std::uint64_t ullNative) {
     return ulFolded;
 #endif
 }
+
+namespace {
 
 // The last few bytes, word by word in network order.
 std::uint32_t SumTail(const std::uint8_t *p, std::size_t ulLen) {
@@ -84,6 +88,20 @@ std::uint32_t CopySum(std::uint8_t *pucDst, const std::uint8_t *pucSrc, std::siz
 
 }  // namespace
 
+std::uint32_t SumRunsPortable(const Run *pstRuns, std::size_t ulCount) {
+    std::uint32_t ulSum = 0;
+    for (std::size_t i = 0; i < ulCount; ++i) {
+        ulSum =
+            AddRun(ulSum, Sum(pstRuns[i].pucData, pstRuns[i].ulLen, false), pstRuns[i].bOddStart);
+    }
+    return ulSum;
+}
+
+std::uint32_t SumRuns(const Run *pstRuns, std::size_t ulCount) {
+    std::uint32_t ulSum = 0;
+    return SumRunsWide(pstRuns, ulCount, &ulSum) ? ulSum : SumRunsPortable(pstRuns, ulCount);
+}
+
 std::uint32_t SumBytes(const std::uint8_t *pucData, std::size_t ulLen) {
     return Sum(pucData, ulLen, true);
 }
@@ -99,6 +117,9 @@ std::uint32_t CopyAndSumPortable(std::uint8_t *pucDst, const std::uint8_t *pucSr
 }
 
 #if !defined(__x86_64__)
+bool SumRunsWide(const Run *, std::size_t, std::uint32_t *) {
+    return false;
+}
 bool SumBulkWide(const std::uint8_t *, std::size_t, std::uint64_t *, std::size_t *) {
     return false;
 }

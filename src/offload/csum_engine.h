@@ -46,6 +46,27 @@ std::uint32_t SumBytesPortable(const std::uint8_t *pucData, std::size_t ulLen);
 std::uint32_t CopyAndSumPortable(std::uint8_t *pucDst, const std::uint8_t *pucSrc,
                                  std::size_t ulLen);
 
+// A folded sum of native 16-bit words turned into the big-endian sum.
+std::uint32_t NativeToBe(std::uint64_t ullNative);
+
+// One run of a longer stream: its bytes and whether it starts at an odd
+// position of the stream.
+struct Run {
+    const std::uint8_t *pucData;
+    std::uint32_t ulLen;
+    bool bOddStart;
+};
+
+// Folded sum of the stream the runs make up, as SumBytes of their
+// concatenation would give. Runs are summed into two wide accumulators
+// (even and odd starts) that are folded once, so that a short chain of
+// several nodes costs little more than its bytes.
+std::uint32_t SumRuns(const Run *pstRuns, std::size_t ulCount);
+std::uint32_t SumRunsPortable(const Run *pstRuns, std::size_t ulCount);
+
+// The machine-specific run summer; false when this machine has none.
+bool SumRunsWide(const Run *pstRuns, std::size_t ulCount, std::uint32_t *pulSum);
+
 // The machine-specific bulk: sums (and copies) the first ulLen & ~31 bytes
 // as native 16-bit words; returns false when this machine has no such path,
 // leaving the work to the portable loop. *pulDone gets the bytes taken.

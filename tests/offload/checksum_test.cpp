@@ -65,6 +65,36 @@ TEST_F(ChecksumTest, EngineKeepsEveryCarryOnLargeRuns) {
     }
 }
 
+// A stream cut into runs at every kind of point (odd, even, empty, one
+// byte, longer than a widening block) sums as the whole stream does.
+TEST_F(ChecksumTest, RunsSumLikeTheirConcatenation) {
+    const std::vector<std::vector<std::uint32_t>> cuts = {
+        {},
+        {1},
+        {0, 0, 7},
+        {31, 33, 1, 0, 64},
+        {600001},
+        {1, 2 * 1024 * 1024 + 5},
+        {17, 17, 17, 17, 17, 17, 17, 17, 17, 17, 17, 17, 17, 17, 17, 17, 17, 17}};
+    for (int kind = 0; kind < 3; ++kind) {
+        const Bytes src = Pattern(kind, 3 * 1024 * 1024);
+        for (const auto &cut : cuts) {
+            std::vector<offload::Run> runs;
+            std::uint32_t at = 0;
+            for (std::uint32_t len : cut) {
+                runs.push_back({src.data() + at, len, (at & 1u) != 0});
+                at += len;
+            }
+            runs.push_back({src.data() + at, 999, (at & 1u) != 0});
+            at += 999;
+            const std::uint32_t want = RefSum(src.data(), at);
+            EXPECT_EQ(offload::SumRuns(runs.data(), runs.size()), want)
+                << "kind " << kind << " runs " << runs.size();
+            EXPECT_EQ(offload::SumRunsPortable(runs.data(), runs.size()), want) << "portable";
+        }
+    }
+}
+
 TEST_F(ChecksumTest, RfcExampleGivesTheSameNumberOnEveryBuild) {
     const Bytes rfc = {0x00, 0x01, 0xF2, 0x03, 0xF4, 0xF5, 0xF6, 0xF7};
     for (const Split &split : Splits()) {
