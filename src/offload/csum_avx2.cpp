@@ -159,12 +159,16 @@ __attribute__((target("avx2"))) std::uint32_t RunsAvx2(const Run *pstRuns, std::
 
 }  // namespace
 
-bool SumRunsWide(const Run *pstRuns, std::size_t ulCount, std::uint32_t *pulSum) {
+bool SumRunsAvx2(const Run *pstRuns, std::size_t ulCount, std::uint32_t *pulSum) {
     if (!__builtin_cpu_supports("avx2")) {
         return false;
     }
     *pulSum = RunsAvx2(pstRuns, ulCount);
     return true;
+}
+
+bool SumRunsWide(const Run *pstRuns, std::size_t ulCount, std::uint32_t *pulSum) {
+    return SumRunsAvx512(pstRuns, ulCount, pulSum) || SumRunsAvx2(pstRuns, ulCount, pulSum);
 }
 
 bool SumBulkWide(const std::uint8_t *pucData, std::size_t ulLen, std::uint64_t *pullSum,

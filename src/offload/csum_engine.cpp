@@ -117,6 +117,12 @@ std::uint32_t CopyAndSumPortable(std::uint8_t *pucDst, const std::uint8_t *pucSr
 }
 
 #if !defined(__x86_64__)
+bool SumRunsAvx2(const Run *, std::size_t, std::uint32_t *) {
+    return false;
+}
+bool SumRunsAvx512(const Run *, std::size_t, std::uint32_t *) {
+    return false;
+}
 bool SumRunsWide(const Run *, std::size_t, std::uint32_t *) {
     return false;
 }
