@@ -13,6 +13,10 @@
 #include "krm_host/host.h"
 #include "krm_mbuf/platform.h"
 
+#if defined(__SANITIZE_THREAD__)
+#include <sanitizer/tsan_interface.h>
+#endif
+
 namespace {
 
 constexpr std::uint32_t kErrBadArgument = 1;
@@ -193,6 +197,11 @@ uint32_t BEX_MutexDestroy(uint32_t ulMutex) {
         }
         slot->handle.store(0, std::memory_order_release);
         slot->mutex.unlock();
+#if defined(__SANITIZE_THREAD__)
+        // The slot's next mutex is another one: without this the sanitizer
+        // would join the lock orders of unrelated mutexes that shared it.
+        __tsan_mutex_destroy(&slot->mutex, 0);
+#endif
         table.freeSlots.push_back((ulMutex & 0xFFFFu) - 1);
         return 0;
     } catch (...) {
