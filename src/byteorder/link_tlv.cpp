@@ -184,17 +184,13 @@ void LinkEnCap(const Rec &r) {
 
 namespace {
 
-// The head of a TLV record (type and list length, both converted) and the
-// list it announces, checked against the record's bound.
-bool ListFits(const Rec &r, std::uint32_t &listLen) {
+// The head of a TLV record (type and list length, both converted). The list
+// is walked as long as it says; the walk stops at the record's bound.
+bool ListHead(const Rec &r, std::uint32_t &listLen) {
     if (!ConvFields(r, kHead)) {
         return false;
     }
     listLen = Host16(r, 2);
-    if (listLen > 3u && !r.Fits(4, listLen)) {
-        ReportOverrun(r, 4, listLen);
-        return false;
-    }
     return true;
 }
 
@@ -202,30 +198,29 @@ bool ListFits(const Rec &r, std::uint32_t &listLen) {
 
 std::int32_t CtlLinkInfo(const Rec &r) {
     std::uint32_t listLen = 0;
-    if (!ListFits(r, listLen)) {
+    if (!ListHead(r, listLen)) {
         return kStopped;
     }
     if (listLen <= 3u) {
         return 0;
     }
     return WalkTlvs(r, 4, listLen, HeadBy::kTranslator, 330,
-                    [&r](const TlvHead &head, std::uint32_t off, std::uint32_t extent) {
+                    [&r](const TlvHead &head, std::uint32_t off) {
                         if (LinkFn fn = LinkTranslator(head.type)) {
-                            fn(r.Part(off, extent, head.type, kModByteOrderTrans));
+                            fn(r.Part(off, head.type, kModByteOrderTrans));
                         }
                     });
 }
 
 std::int32_t CtlPacketInfo(const Rec &r) {
     std::uint32_t listLen = 0;
-    if (!ListFits(r, listLen)) {
+    if (!ListHead(r, listLen)) {
         return kStopped;
     }
     if (listLen <= 3u) {
         return 0;
     }
-    return WalkTlvs(r, 4, listLen, HeadBy::kWalker, 372,
-                    [](const TlvHead &, std::uint32_t, std::uint32_t) {});
+    return WalkTlvs(r, 4, listLen, HeadBy::kWalker, 372, [](const TlvHead &, std::uint32_t) {});
 }
 
 }  // namespace krm::byteorder

@@ -178,24 +178,18 @@ std::int32_t PsSpcifyTnl(const Rec &r) {
         krm::Report(kModByteOrderPktSnd, 425, "Len %u", len);
         return -1;
     }
-    if (!r.Fits(4, len)) {
-        ReportOverrun(r, 4, len);
-        return kStopped;
-    }
-    return WalkTlvs(r, 4, len, HeadBy::kWalker, 460,
-                    [&r](const TlvHead &head, std::uint32_t off, std::uint32_t extent) {
-                        if (head.type >= MBUF_PKTSND_TNL_TYPE_NUM) {
-                            krm::Report(kModByteOrderPktSnd, 441, "Err TlvType:%u, TlvLen:%u",
-                                        head.type, head.len);
-                            return;
-                        }
-                        NestFn fn = TnlTranslator(head.type);
-                        if (fn == nullptr) {
-                            krm::Report(kModByteOrderPktSnd, 447, "Err TlvType:%u", head.type);
-                            return;
-                        }
-                        fn(r.Part(off, extent, head.type, kModByteOrderPktSnd));
-                    });
+    return WalkTlvs(r, 4, len, HeadBy::kWalker, 460, [&r](const TlvHead &head, std::uint32_t off) {
+        if (head.type >= MBUF_PKTSND_TNL_TYPE_NUM) {
+            krm::Report(kModByteOrderPktSnd, 441, "Err TlvType:%u, TlvLen:%u", head.type, head.len);
+            return;
+        }
+        NestFn fn = TnlTranslator(head.type);
+        if (fn == nullptr) {
+            krm::Report(kModByteOrderPktSnd, 447, "Err TlvType:%u", head.type);
+            return;
+        }
+        fn(r.Part(off, head.type, kModByteOrderPktSnd));
+    });
 }
 
 // A word at 4, then nested no-path TLVs; only types 1 and 2 carry fields.
@@ -207,17 +201,13 @@ std::int32_t PsNoPath(const Rec &r) {
     if (left <= 3) {
         return 0;
     }
-    if (!r.Fits(8, static_cast<std::uint32_t>(left))) {
-        ReportOverrun(r, 8, static_cast<std::uint32_t>(left));
-        return kStopped;
-    }
     return WalkTlvs(r, 8, static_cast<std::uint32_t>(left), HeadBy::kWalker, 512,
-                    [&r](const TlvHead &head, std::uint32_t off, std::uint32_t extent) {
+                    [&r](const TlvHead &head, std::uint32_t off) {
                         if (head.type != 1u && head.type != 2u) {
                             return;
                         }
                         if (NestFn fn = NoPathTranslator(head.type)) {
-                            fn(r.Part(off, extent, head.type, kModByteOrderPktSnd));
+                            fn(r.Part(off, head.type, kModByteOrderPktSnd));
                         }
                     });
 }
@@ -235,19 +225,14 @@ std::int32_t CtlPktSendInfo(const Rec &record) {
         krm::Report(kModByteOrderPktSnd, 62, "Type %u", listLen);
         return -1;
     }
-    if (!r.Fits(4, listLen)) {
-        ReportOverrun(r, 4, listLen);
-        return kStopped;
-    }
     std::int32_t result = 0;
     const std::int32_t walk = WalkTlvs(
-        r, 4, listLen, HeadBy::kWalker, 95,
-        [&r, &result](const TlvHead &head, std::uint32_t off, std::uint32_t extent) {
+        r, 4, listLen, HeadBy::kWalker, 95, [&r, &result](const TlvHead &head, std::uint32_t off) {
             PktSndFn fn = PktSndTranslator(head.type);
             if (fn == nullptr) {
                 return;
             }
-            const std::int32_t ret = fn(r.Part(off, extent, head.type, kModByteOrderPktSnd));
+            const std::int32_t ret = fn(r.Part(off, head.type, kModByteOrderPktSnd));
             if (ret != 0) {
                 krm::Report(kModByteOrderPktSnd, 81, "T %u L %u R %u", head.type, head.len,
                             static_cast<std::uint32_t>(ret));

@@ -7,12 +7,13 @@
 //
 // Every translator is written once, against a Rec that carries the record's
 // bound. The exported one-argument translators trust their record and run
-// with kTrusted; the framework knows how far each record may reach (its slot
-// length, the received length, the block's size, a sub-TLV's own length) and
-// passes that instead. A field, count or length that would leave the bound is
-// reported and ends that record's conversion: nothing outside [p, p + len) is
-// ever read or written, and a well-formed record converts exactly as it would
-// trusted.
+// with kTrusted; the framework passes the memory the record lies in (from
+// the record to the end of the block's inline area, its pipe buffer, or the
+// received message). Translators trust the record's own lengths, so a field
+// beyond a record's slot or a sub-TLV's length is converted all the same;
+// only a field that would leave that memory is reported and ends the
+// record's conversion: nothing outside [p, p + len) is ever read or written,
+// and a well-formed record converts exactly as it would trusted.
 #pragma once
 
 #include <cstdint>
@@ -36,12 +37,12 @@ struct Rec {
 
     bool Fits(std::uint64_t off, std::uint64_t width) const { return off + width <= len; }
 
-    // The part of this record at off that spans extent bytes. The caller has
-    // checked that it lies within this record; parts of a trusted record are
-    // trusted too, as the record's own lengths are all it has to go by.
-    Rec Part(std::uint32_t off, std::uint32_t extent, std::uint32_t partType,
-             const char *partMod) const {
-        return Rec{p + off, len == kTrusted ? kTrusted : extent, partType, partMod};
+    // The part of this record from off on: a sub-TLV or nested TLV, which
+    // its translator may convert past its own length, up to this record's
+    // bound. The caller has checked that off lies within it; parts of a
+    // trusted record are trusted too.
+    Rec Part(std::uint32_t off, std::uint32_t partType, const char *partMod) const {
+        return Rec{p + off, len == kTrusted ? kTrusted : len - off, partType, partMod};
     }
 };
 
@@ -95,30 +96,34 @@ TlvHead TakeHead(const Rec &r, std::uint32_t off, HeadBy by);
 
 void ReportNoFit(const Rec &r, std::uint32_t line, const TlvHead &head, std::uint32_t left);
 
-// Walks the sub-TLVs that fill `left` bytes of r from offset `first`. The
-// caller has checked left >= 4 and that the list lies within r. Each
-// sub-TLV that fits is handed to visit(head, offset, extent), extent being
-// its head and value; when fewer than 4 bytes remain the walk ends with 0.
-// One that does not fit is reported as "T %u ML %u TL %u" at
-// (r.mod, noFitLine) and the walk ends with 1.
+// Walks the sub-TLVs that fill `left` bytes of r from offset `first`, as the
+// list length says; the caller has checked left >= 4. Each sub-TLV that fits
+// the list is handed to visit(head, offset); when fewer than 4 bytes remain
+// the walk ends with 0. One that does not fit is reported as
+// "T %u ML %u TL %u" at (r.mod, noFitLine) and the walk ends with 1. A head
+// that would lie outside r's bound is reported as an overrun and ends the
+// walk with kStopped.
 template <class Visit>
 std::int32_t WalkTlvs(const Rec &r, std::uint32_t first, std::uint32_t left, HeadBy by,
                       std::uint32_t noFitLine, Visit &&visit) {
-    std::uint32_t pos = first;
-    TlvHead head = TakeHead(r, pos, by);
+    std::uint64_t pos = first;
     for (;;) {
+        if (!r.Fits(pos, 4)) {
+            ReportOverrun(r, pos, 4);
+            return kStopped;
+        }
+        const TlvHead head = TakeHead(r, static_cast<std::uint32_t>(pos), by);
         const std::uint32_t total = std::uint32_t{head.len} + 4u;
         if (!(std::uint32_t{head.len} + 3u < left)) {
             ReportNoFit(r, noFitLine, head, left);
             return 1;
         }
-        visit(head, pos, total);
+        visit(head, static_cast<std::uint32_t>(pos));
         pos += total;
         left -= total;
         if (left < 4u) {
             return 0;
         }
-        head = TakeHead(r, pos, by);
     }
 }
 

@@ -5,8 +5,11 @@
 // The block's head bytes travel as one 32-bit word (mark 24-31, byte order
 // 16-23, slot count 8-15, record count 0-7); once that word is reversed its
 // host-order value gives the counts on either build. Records are dispatched
-// through the exported record table, bounded by what is known of the block:
-// the slot's length, and the block's size or the received length.
+// through the exported record table. The translators trust the records'
+// lengths as the sender wrote them; what bounds them is the memory the block
+// lies in: the node's inline area, the pipe buffer it was received in, or a
+// received message's buffer (or, for a message not in a buffer of its own,
+// its received length).
 #include <algorithm>
 #include <cstddef>
 #include <optional>
@@ -82,17 +85,11 @@ bool SlotFits(std::uint8_t *blk, std::uint32_t size, std::uint32_t i) {
     return true;
 }
 
-// The record at off of a block of size bytes, reaching at most extent bytes
-// and never past the block.
-Rec RecordIn(std::uint8_t *blk, std::uint32_t size, std::uint32_t type, std::uint32_t off,
-             std::uint32_t extent) {
+// The record at off of a block of size bytes: it may reach to the end of
+// the block's memory, whatever its slot says, and never past it.
+Rec RecordIn(std::uint8_t *blk, std::uint32_t size, std::uint32_t type, std::uint32_t off) {
     const std::uint32_t start = std::min(off, size);
-    return Rec{blk + start, std::min(extent, size - start), type, kModByteOrderTrans};
-}
-
-// The common record is the block's own start and has no slot of its own.
-std::uint32_t RecordExtent(std::uint32_t type, const Slot &slot) {
-    return type == MBUF_CTL_COMM ? MBUF_CTL_COMM_LEN : slot.len;
+    return Rec{blk + start, size - start, type, kModByteOrderTrans};
 }
 
 // A received block is looked up as the sender left it described: the slots
@@ -121,13 +118,21 @@ std::optional<std::uint32_t> RecordInTagMsg(const std::uint8_t *tag, std::uint32
     return std::nullopt;
 }
 
-// The block's size: the node's inline area, the pipe buffer it was received
-// in, or failing both the block's own account of itself.
-std::uint32_t KnownBlockSize(MBUF_S *pstMbuf) {
+// The block's memory: the node's inline area or the pipe buffer it lives in.
+// A buffer the platform reports as 0 bytes long has no room at all; the
+// block's own account of its capacity is never taken for its size.
+std::uint32_t BlockMemory(MBUF_S *pstMbuf) {
     if (pstMbuf->pstCtlInfo == &pstMbuf->stCtlInfo.stBlk) {
         return MBUF_CTLINFO_INLINE_LEN;
     }
     return KRM_DbufLengthGET(pstMbuf->pstCtlInfo);
+}
+
+// A received message's memory: the pipe buffer it is, or else (a message
+// inside a larger stream) the received length its caller vouches for.
+std::uint32_t MessageMemory(const void *tag, std::uint32_t revLen) {
+    const std::uint32_t buffer = KRM_DbufLengthGET(tag);
+    return buffer != 0 ? buffer : revLen;
 }
 
 std::uint32_t SockId(const std::uint8_t *blk) {
@@ -150,16 +155,15 @@ MBUF_API void MBUF_MbufMPktHdrTagByteOrderTrans(MBUF_S *pstMbuf) {
         return;
     }
     auto *blk = reinterpret_cast<std::uint8_t *>(pstMbuf->pstCtlInfo);
-    const std::uint32_t known = bo::KnownBlockSize(pstMbuf);
-    if (known != 0 && known < bo::kSlotsOff) {
-        krm::Report(krm::kModByteOrderTrans, 1320, "Blk len %u < %u", known, bo::kSlotsOff);
+    const std::uint32_t size = bo::BlockMemory(pstMbuf);
+    if (size < bo::kSlotsOff) {
+        krm::Report(krm::kModByteOrderTrans, 1320, "Blk len %u < %u", size, bo::kSlotsOff);
         return;
     }
     const bo::Head head = bo::ConvertHead(blk);
     if (head.slotNum == 0) {
         return;
     }
-    const std::uint32_t size = known != 0 ? known : bo::BaseOffset(head.slotNum) + head.capacity;
     // Without a packet header the node has no records to find.
     const bool findRecords = (pstMbuf->ulFlag & MBUF_PKTHDR) != 0;
     for (std::uint32_t i = 0; i < head.slotNum && i < bo::kSlotTypes; ++i) {
@@ -172,7 +176,7 @@ MBUF_API void MBUF_MbufMPktHdrTagByteOrderTrans(MBUF_S *pstMbuf) {
             continue;
         }
         const std::uint32_t off = i == MBUF_CTL_COMM ? 0u : slot.off;
-        const std::int32_t ret = fn(bo::RecordIn(blk, size, i, off, bo::RecordExtent(i, slot)));
+        const std::int32_t ret = fn(bo::RecordIn(blk, size, i, off));
         if (ret != 0) {
             krm::Report(krm::kModByteOrderTrans, 118, "Fd %u Pro %u TagT %u Ret %u",
                         bo::SockId(blk), bo::ProtoType(blk), i, static_cast<std::uint32_t>(ret));
@@ -224,20 +228,21 @@ MBUF_API void MBUF_TagByteOrderTrans(void *pTagMsg, uint32_t ulRevLen) {
         return;
     }
     auto *tag = static_cast<std::uint8_t *>(pTagMsg);
-    if (ulRevLen < bo::kSlotsOff) {
-        krm::Report(krm::kModByteOrderTrans, 1320, "Blk len %u < %u", ulRevLen, bo::kSlotsOff);
+    const std::uint32_t size = bo::MessageMemory(tag, ulRevLen);
+    if (size < bo::kSlotsOff) {
+        krm::Report(krm::kModByteOrderTrans, 1320, "Blk len %u < %u", size, bo::kSlotsOff);
         return;
     }
     const bo::Head head = bo::ConvertHead(tag);
-    // Reported, not acted on: a short message is still converted as far as
-    // it reaches.
+    // Reported, not acted on: a message shorter than it says is still
+    // converted, as far as its memory reaches.
     (void)MBUF_CheckTagByteOrderLen(tag, ulRevLen);
     if (head.slotNum == 0) {
         return;
     }
     std::uint8_t seen = 0;
     for (std::uint32_t i = 0; i < head.slotNum && i < bo::kSlotTypes; ++i) {
-        if (!bo::SlotFits(tag, ulRevLen, i)) {
+        if (!bo::SlotFits(tag, size, i)) {
             return;
         }
         const bo::Slot slot = bo::ConvertSlot(tag, i);
@@ -248,8 +253,7 @@ MBUF_API void MBUF_TagByteOrderTrans(void *pTagMsg, uint32_t ulRevLen) {
                 krm::Report(krm::kModByteOrderTrans, 190, "RevLen=%u < %u type=%u", ulRevLen, *off,
                             i);
             }
-            const std::int32_t ret =
-                fn(bo::RecordIn(tag, ulRevLen, i, *off, bo::RecordExtent(i, slot)));
+            const std::int32_t ret = fn(bo::RecordIn(tag, size, i, *off));
             if (ret != 0) {
                 krm::Report(krm::kModByteOrderTrans, 203, "Fd %u Pro %u TagT %u Ret %u",
                             bo::SockId(tag), bo::ProtoType(tag), i,

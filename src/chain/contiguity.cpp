@@ -123,9 +123,13 @@ MBUF_S *MBUF_MemContinuousFromOffset(MBUF_S *pstMbuf, int32_t lOffset, int32_t l
     node->ulDataLen -= avail;
     MBUF_CopyDataFromMbufToCbuf(next, 0, static_cast<int32_t>(need), range->pucData + avail);
     range->ulDataLen = len;
-    // Cuts from the front of the plain nodes behind: emptied nodes stay in
-    // the chain and the packet's total is not touched.
+    // Cuts from the front of the nodes behind: emptied nodes stay in the
+    // chain and no packet length is touched. The cut updates the length of
+    // a node it starts at when that node carries MBUF_PKTHDR (a source head
+    // that concatenation linked keeps it), so that node's length is kept.
+    const uint32_t nextTotal = next->ulTotalDataLen;
     MBUF_CutDataBySpecifiedLength(next, static_cast<int32_t>(need), pstFileLine);
+    next->ulTotalDataLen = nextTotal;
     range->pstNext = next;
     node->pstNext = range;
     if (plOffsetInNode != nullptr) {

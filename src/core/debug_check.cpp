@@ -59,11 +59,19 @@ std::uint32_t CheckData(const MBUF_S *pstNode, std::uint32_t ulIndex, Verdict &s
     return MBUF_DBG_OK;
 }
 
-// A later node may keep MBUF_PKTHDR only the way a long packet built from
-// caller data leaves it: on a node with its own external buffer and no
-// packet length of its own.
-bool LaterHeaderAllowed(const MBUF_S *pstNode) {
-    return (pstNode->ulFlag & MBUF_EXT) != 0 && pstNode->ulTotalDataLen == 0;
+// A later node may keep MBUF_PKTHDR: a source head that concatenation
+// linked keeps it (with its packet length and its inline block) until a tidy
+// pass drops it, and a long packet built from caller data leaves it on nodes
+// with their own external buffer and no packet length. What such a node
+// still must not have is a block it does not own: one that is neither its
+// inline area nor a buffer the platform knows (a released block, say).
+std::uint32_t CheckLaterHeader(const MBUF_S *pstNode, std::uint32_t ulIndex, Verdict &stV) {
+    const bool bCallerData = (pstNode->ulFlag & MBUF_EXT) != 0 && pstNode->ulTotalDataLen == 0;
+    if (bCallerData || pstNode->pstCtlInfo == nullptr || BlockMemory(pstNode) != 0) {
+        return MBUF_DBG_OK;
+    }
+    return stV.Fail(MBUF_DBG_ERR_PKTHDR, "node %u: MBUF_PKTHDR with a block in no known buffer",
+                    ulIndex);
 }
 
 std::uint32_t CheckNode(const MBUF_S *pstNode, std::uint32_t ulIndex, Verdict &stV) {
@@ -75,8 +83,11 @@ std::uint32_t CheckNode(const MBUF_S *pstNode, std::uint32_t ulIndex, Verdict &s
     if (ulIndex == 0 && !bHdr) {
         return stV.Fail(MBUF_DBG_ERR_PKTHDR, "node 0: head without MBUF_PKTHDR");
     }
-    if (ulIndex != 0 && bHdr && !LaterHeaderAllowed(pstNode)) {
-        return stV.Fail(MBUF_DBG_ERR_PKTHDR, "node %u: MBUF_PKTHDR on a later node", ulIndex);
+    if (ulIndex != 0 && bHdr) {
+        const std::uint32_t ulRet = CheckLaterHeader(pstNode, ulIndex, stV);
+        if (ulRet != MBUF_DBG_OK) {
+            return ulRet;
+        }
     }
     if ((pstNode->ulFlag & MBUF_EXT) != 0) {
         if (pstNode->pucExtBuf == nullptr) {
@@ -105,7 +116,7 @@ std::uint32_t CheckBlockHead(const MBUF_S *pstHead, const MBUF_CONTROL_BLK_S *ps
                         pstBlk->usCapacity);
     }
     // A separate block is a pipe buffer whose length the platform knows.
-    const std::uint32_t ulBufLen = HasInlineCtlBlock(pstHead) ? 0 : KRM_DbufLengthGET(pstBlk);
+    const std::uint32_t ulBufLen = HasInlineCtlBlock(pstHead) ? 0 : BlockMemory(pstHead);
     if (ulBufLen != 0 && MBUF_CTL_FIXED_LEN + pstBlk->usCapacity > ulBufLen) {
         return stV.Fail(MBUF_DBG_ERR_CTL_CAPACITY, "block: 184+%u beyond its buffer of %u",
                         pstBlk->usCapacity, ulBufLen);
@@ -171,6 +182,16 @@ std::uint32_t CheckBlock(const MBUF_S *pstHead, Verdict &stV) {
     const MBUF_CONTROL_BLK_S *pstBlk = pstHead->pstCtlInfo;
     if (pstBlk == nullptr) {
         return MBUF_DBG_OK;  // a head may have lost its block; it gets one on demand
+    }
+    // Nothing of the block is read before its memory is known to hold the
+    // fixed part.
+    const std::uint32_t ulMem = BlockMemory(pstHead);
+    if (ulMem == 0) {
+        return stV.Fail(MBUF_DBG_ERR_CTL_CAPACITY, "block: separate, in no known buffer");
+    }
+    if (ulMem < MBUF_CTL_FIXED_LEN) {
+        return stV.Fail(MBUF_DBG_ERR_CTL_CAPACITY, "block: buffer of %u, short of its 184 fixed",
+                        ulMem);
     }
     std::uint32_t ulRet = CheckBlockHead(pstHead, pstBlk, stV);
     if (ulRet != MBUF_DBG_OK) {

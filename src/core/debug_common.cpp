@@ -4,6 +4,7 @@
 
 #include "core/node.h"
 #include "krm_mbuf/mbuf_debug.h"
+#include "krm_mbuf/platform.h"
 
 namespace krm::dbg {
 namespace {
@@ -45,6 +46,14 @@ std::int64_t DataOffset(const MBUF_S *pstMbuf, const Storage &stStorage) {
     const auto uiData = reinterpret_cast<std::uintptr_t>(pstMbuf->pucData);
     return uiData >= stStorage.uiStart ? static_cast<std::int64_t>(uiData - stStorage.uiStart)
                                        : -static_cast<std::int64_t>(stStorage.uiStart - uiData);
+}
+
+std::uint32_t BlockMemory(const MBUF_S *pstHead) {
+    if (pstHead->pstCtlInfo == nullptr) {
+        return 0;
+    }
+    return HasInlineCtlBlock(pstHead) ? MBUF_CTLINFO_INLINE_LEN
+                                      : KRM_DbufLengthGET(pstHead->pstCtlInfo);
 }
 
 const char *RecordName(std::uint32_t ulType) {

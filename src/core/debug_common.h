@@ -20,6 +20,11 @@ Storage StorageOf(const MBUF_S *pstMbuf);
 // Offset of pucData from the start of its storage; negative when before it.
 std::int64_t DataOffset(const MBUF_S *pstMbuf, const Storage &stStorage);
 
+// The bytes a head's control block really has: the node's inline area, or
+// the pipe buffer it lives in as the platform knows it (0: no room, also
+// for a block in no buffer the platform knows). 0 without a block.
+std::uint32_t BlockMemory(const MBUF_S *pstHead);
+
 // Name of a record type 0..22.
 const char *RecordName(std::uint32_t ulType);
 

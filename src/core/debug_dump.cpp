@@ -88,18 +88,24 @@ void DumpSubTlvs(const std::uint8_t *pucRec, std::uint32_t ulAvail, Text &stText
     }
 }
 
-void DumpRecord(const MBUF_CONTROL_BLK_S *pstBlk, std::uint32_t ulType, Text &stText) {
+// A record is shown as far as the block's memory (ulMem bytes) holds it,
+// whatever its slot or the block's used length claim: a broken block is
+// described, never read outside.
+void DumpRecord(const MBUF_CONTROL_BLK_S *pstBlk, std::uint32_t ulMem, std::uint32_t ulType,
+                Text &stText) {
     const MBUF_CTL_SLOT_S &stSlot = pstBlk->astSlot[ulType];
     stText.Add("  %u %s offset %u len %u", ulType, RecordName(ulType), stSlot.usOffset,
                stSlot.usLen);
-    const std::uint32_t ulUsedEnd = MBUF_CTL_FIXED_LEN + pstBlk->usUsedLen;
-    if (ulType == MBUF_CTL_STACKDEBUG && stSlot.usOffset >= MBUF_CTL_FIXED_LEN &&
-        stSlot.usOffset < ulUsedEnd) {
+    if (stSlot.usOffset >= ulMem) {
+        stText.Add(" beyond its block of %u\n", ulMem);
+        return;
+    }
+    const auto *pucRec = reinterpret_cast<const std::uint8_t *>(pstBlk) + stSlot.usOffset;
+    const std::uint32_t ulAvail = ulMem - stSlot.usOffset;
+    if (ulType == MBUF_CTL_STACKDEBUG && stSlot.usOffset >= MBUF_CTL_FIXED_LEN) {
         stText.Add("\n");
-        const std::uint32_t ulAvail = ulUsedEnd - stSlot.usOffset;
         meta::DumpStackDebugEntries(
-            reinterpret_cast<const std::uint8_t *>(pstBlk) + stSlot.usOffset,
-            stSlot.usLen < ulAvail ? stSlot.usLen : ulAvail,
+            pucRec, ulAvail,
             [](void *pCtx, const char *pcLine) {
                 static_cast<Text *>(pCtx)->Add("    %s\n", pcLine);
             },
@@ -108,20 +114,23 @@ void DumpRecord(const MBUF_CONTROL_BLK_S *pstBlk, std::uint32_t ulType, Text &st
     }
     const bool bTlv =
         ulType == MBUF_CTL_LINK || ulType == MBUF_CTL_PKTSEND || ulType == MBUF_CTL_PACKET;
-    if (!bTlv || stSlot.usOffset < MBUF_CTL_FIXED_LEN ||
-        stSlot.usOffset + MBUF_CTL_TLV_REC_HEAD_LEN > ulUsedEnd) {
+    if (!bTlv || stSlot.usOffset < MBUF_CTL_FIXED_LEN || ulAvail < MBUF_CTL_TLV_REC_HEAD_LEN) {
         stText.Add("\n");
         return;
     }
-    const auto *pucRec = reinterpret_cast<const std::uint8_t *>(pstBlk) + stSlot.usOffset;
     stText.Add(" list %u\n", Load16At(pucRec, 2));
-    DumpSubTlvs(pucRec, ulUsedEnd - stSlot.usOffset, stText);
+    DumpSubTlvs(pucRec, ulAvail, stText);
 }
 
 void DumpBlock(const MBUF_S *pstHead, Text &stText) {
     const MBUF_CONTROL_BLK_S *pstBlk = pstHead->pstCtlInfo;
     if (pstBlk == nullptr) {
         stText.Add("block: none\n");
+        return;
+    }
+    const std::uint32_t ulMem = BlockMemory(pstHead);
+    if (ulMem < MBUF_CTL_FIXED_LEN) {
+        stText.Add("block: separate, in a buffer of %u, short of its fixed part\n", ulMem);
         return;
     }
     stText.Add("block: %s mark 0x%02x order %u slots %u records %u used %u capacity %u\n",
@@ -134,7 +143,7 @@ void DumpBlock(const MBUF_S *pstHead, Text &stText) {
                stComm.ulSendIfIndex, stComm.ulPathId, stComm.ulSocketId);
     for (std::uint32_t ulType = 1; ulType < MBUF_CTL_TYPE_NUM && !stText.Full(); ++ulType) {
         if (pstBlk->astSlot[ulType].usOffset != 0) {
-            DumpRecord(pstBlk, ulType, stText);
+            DumpRecord(pstBlk, ulMem, ulType, stText);
         }
     }
 }

@@ -10,6 +10,7 @@
 #include "krm_mbuf/mbuf.h"
 #include "krm_mbuf/platform.h"
 #include "meta/comm_fields.h"
+#include "meta/ctlinfo_block.h"
 
 namespace {
 
@@ -41,13 +42,24 @@ void StoreField(std::uint8_t *pucRec, const CommFieldDesc &stField, std::uint32_
     }
 }
 
+// The common record when it holds the field inside the block's memory; a
+// block in a buffer too short for it reads as having no record.
+std::uint8_t *CommWith(MBUF_S *pstMbuf, CommField eField) {
+    std::uint8_t *pucRec = CommRecord(pstMbuf);
+    if (pucRec == nullptr ||
+        !krm::ctl::InMem(pstMbuf, pucRec + Comm(eField).ulOffset, Comm(eField).ulWidth)) {
+        return nullptr;
+    }
+    return pucRec;
+}
+
 std::uint32_t GetComm(MBUF_S *pstMbuf, CommField eField) {
-    const std::uint8_t *pucRec = CommRecord(pstMbuf);
+    const std::uint8_t *pucRec = CommWith(pstMbuf, eField);
     return pucRec != nullptr ? LoadField(pucRec, Comm(eField)) : Comm(eField).ulMissing;
 }
 
 MBUF_CTL_COMM_S *SetComm(MBUF_S *pstMbuf, CommField eField, std::uint32_t ulValue) {
-    std::uint8_t *pucRec = CommRecord(pstMbuf);
+    std::uint8_t *pucRec = CommWith(pstMbuf, eField);
     if (pucRec == nullptr) {
         return nullptr;
     }
@@ -61,13 +73,14 @@ bool IsPktHdr(const MBUF_S *pstMbuf) {
 
 // ---- typed records and link sub-TLVs ------------------------------------------
 
-// ulWidth bytes at ulOffset of a typed record, when the record is present and
-// long enough to hold them. A record created by hand with a short length
-// reads as missing rather than past its end.
+// ulWidth bytes at ulOffset of a typed record, when the record is present.
+// A record created shorter than its standard length is read where its fields
+// would be all the same, as long as they lie inside the block's memory;
+// beyond it the record reads as missing.
 std::uint8_t *RecordField(MBUF_S *pstMbuf, std::uint32_t ulType, std::uint32_t ulOffset,
                           std::uint32_t ulWidth) {
     auto *pucRec = static_cast<std::uint8_t *>(MBUF_GetControlInfo(pstMbuf, ulType));
-    if (pucRec == nullptr || MBUF_GetControlLen(pstMbuf, ulType) < ulOffset + ulWidth) {
+    if (pucRec == nullptr || !krm::ctl::InMem(pstMbuf, pucRec + ulOffset, ulWidth)) {
         return nullptr;
     }
     return pucRec + ulOffset;
@@ -81,12 +94,14 @@ constexpr std::uint32_t kLinkVsi = 9;
 constexpr std::uint32_t kLinkVlanPriority = 10;
 constexpr std::uint32_t kLinkBridgeDomain = 11;
 
-// The value of a link-stack sub-TLV, when present with at least ulNeed value
-// bytes; a shorter one reads as missing. The sub-TLV may be unaligned.
+// The value of a link-stack sub-TLV, when present. Its fields are read where
+// they would be whatever the sub-TLV's own length, as long as the first
+// ulNeed value bytes lie inside the block's memory; beyond it the sub-TLV
+// reads as missing. The sub-TLV may be unaligned.
 std::uint8_t *LinkValue(MBUF_S *pstMbuf, std::uint32_t ulSubType, std::uint32_t ulNeed) {
     auto *pucTlv = static_cast<std::uint8_t *>(
         static_cast<void *>(MBUF_BAS_GetMbufLinkStackByType(pstMbuf, ulSubType)));
-    if (pucTlv == nullptr || Load16At(pucTlv, 2) < ulNeed) {
+    if (pucTlv == nullptr || !krm::ctl::InMem(pstMbuf, pucTlv + sizeof(MBUF_CTL_TLV_S), ulNeed)) {
         return nullptr;
     }
     return pucTlv + sizeof(MBUF_CTL_TLV_S);
@@ -148,7 +163,7 @@ MBUF_API uint32_t MBUF_GetFlag(MBUF_S *pstMbuf) {
 }
 
 MBUF_API uint32_t MBUF_SetFlag(MBUF_S *pstMbuf, uint32_t ulMask) {
-    std::uint8_t *pucRec = CommRecord(pstMbuf);
+    std::uint8_t *pucRec = CommWith(pstMbuf, CommField::Flag);
     if (pucRec == nullptr) {
         return 0;
     }
@@ -158,7 +173,7 @@ MBUF_API uint32_t MBUF_SetFlag(MBUF_S *pstMbuf, uint32_t ulMask) {
 }
 
 MBUF_API uint32_t MBUF_ClearFlag(MBUF_S *pstMbuf, uint32_t ulMask) {
-    std::uint8_t *pucRec = CommRecord(pstMbuf);
+    std::uint8_t *pucRec = CommWith(pstMbuf, CommField::Flag);
     if (pucRec == nullptr) {
         return 0;
     }
@@ -168,7 +183,7 @@ MBUF_API uint32_t MBUF_ClearFlag(MBUF_S *pstMbuf, uint32_t ulMask) {
 }
 
 MBUF_API uint32_t MBUF_TestFlag1(MBUF_S *pstMbuf, uint32_t ulMask) {
-    const std::uint8_t *pucRec = CommRecord(pstMbuf);
+    const std::uint8_t *pucRec = CommWith(pstMbuf, CommField::Flag);
     if (pucRec == nullptr) {
         return 0;
     }
@@ -246,7 +261,7 @@ MBUF_API int32_t MBUF_GetProductProtoType(MBUF_S *pstMbuf, uint32_t *pulValue) {
     if (pulValue == nullptr) {
         return -1;
     }
-    const std::uint8_t *pucRec = CommRecord(pstMbuf);
+    const std::uint8_t *pucRec = CommWith(pstMbuf, CommField::ProductProtoType);
     if (pucRec == nullptr) {
         *pulValue = 0;
         return -1;
@@ -301,10 +316,12 @@ MBUF_API int32_t MBUF_SetTunnelKey_fl(MBUF_S *pstMbuf, uint32_t ulModuleId, cons
             }
         }
     }
-    if (MBUF_GetControlLen(pstMbuf, MBUF_CTL_MPLS) < kMplsKeyOff + kTunnelKeyLen) {
-        return -1;
-    }
-    (void)memcpy_s(pucRec + kMplsKeyOff, kTunnelKeyLen, pucKey, kTunnelKeyLen);
+    // A record created shorter than 108 bytes takes the key where it would
+    // lie all the same; the copy is bounded by the block's memory and, as
+    // ever, its result is not looked at.
+    const std::uint32_t ulRoom = krm::ctl::RoomFrom(pstMbuf, pucRec + kMplsKeyOff);
+    (void)memcpy_s(pucRec + kMplsKeyOff, ulRoom < kTunnelKeyLen ? ulRoom : kTunnelKeyLen, pucKey,
+                   kTunnelKeyLen);
     return 0;
 }
 

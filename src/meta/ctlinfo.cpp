@@ -175,7 +175,7 @@ MBUF_API uint32_t MBUF_GetCtlLen(MBUF_S *pstMbuf, uint32_t ulType) {
     // Type 20 is a TLV record too, but is measured by its slot.
     if (ulType == MBUF_CTL_LINK || ulType == MBUF_CTL_PACKET) {
         const auto *pucRec = static_cast<const uint8_t *>(MBUF_GetControlInfo(pstMbuf, ulType));
-        if (pucRec != nullptr && krm::ctl::HeadInside(pstMbuf->pstCtlInfo, ulType)) {
+        if (pucRec != nullptr && krm::ctl::InMem(pstMbuf, pucRec, krm::ctl::kTlvHeadLen)) {
             return krm::ctl::ListLen(pucRec) + krm::ctl::kTlvHeadLen;
         }
         return MBUF_GetControlLen(pstMbuf, ulType);

@@ -11,6 +11,7 @@
 #include "internal/bytes.h"
 #include "internal/layout.h"
 #include "krm_mbuf/mbuf.h"
+#include "krm_mbuf/platform.h"
 
 namespace krm::ctl {
 
@@ -52,16 +53,32 @@ inline std::uint8_t *Record(MBUF_CONTROL_BLK_S *pstBlk, std::uint32_t ulType) {
     return usOffset == 0 ? nullptr : Bytes(pstBlk) + usOffset;
 }
 
-// The end of the block's meaningful bytes: nothing is ever read past it.
-inline const std::uint8_t *UsedEnd(MBUF_CONTROL_BLK_S *pstBlk) {
-    return Bytes(pstBlk) + kFixedLen + pstBlk->usUsedLen;
+// The bytes a packet's block really has, whatever its head or slots claim:
+// the head node's inline area, or the pipe buffer the block lives in as the
+// platform knows it. A buffer the platform reports as 0 bytes long has no
+// room at all. Every read and write of a record is bounded by this, never by
+// a slot length or a list length, which are the block's own account.
+inline std::uint32_t MemLen(const MBUF_S *pstMbuf) {
+    if (HasInlineCtlBlock(pstMbuf)) {
+        return kBlockLen;
+    }
+    return KRM_DbufLengthGET(pstMbuf->pstCtlInfo);
 }
 
-// True when a TLV record's 4-byte head lies inside the used bytes; a record
-// created shorter than its head has no list to read.
-inline bool HeadInside(MBUF_CONTROL_BLK_S *pstBlk, std::uint32_t ulType) {
-    const std::uint32_t ulOffset = pstBlk->astSlot[ulType].usOffset;
-    return ulOffset != 0 && ulOffset + kTlvHeadLen <= kFixedLen + pstBlk->usUsedLen;
+// Bytes of the block's memory from pucAt on; 0 when pucAt lies outside it.
+inline std::uint32_t RoomFrom(const MBUF_S *pstMbuf, const void *pucAt) {
+    const auto uiStart = reinterpret_cast<std::uintptr_t>(pstMbuf->pstCtlInfo);
+    const auto uiAt = reinterpret_cast<std::uintptr_t>(pucAt);
+    const std::uint32_t ulMem = MemLen(pstMbuf);
+    if (uiAt < uiStart || uiAt - uiStart >= ulMem) {
+        return 0;
+    }
+    return ulMem - static_cast<std::uint32_t>(uiAt - uiStart);
+}
+
+// True when ullWidth bytes at pucAt lie inside the block's memory.
+inline bool InMem(const MBUF_S *pstMbuf, const void *pucAt, std::uint64_t ullWidth) {
+    return ullWidth <= RoomFrom(pstMbuf, pucAt);
 }
 
 // Every writer of the block stamps its head so that a receiver knows whose
@@ -86,14 +103,6 @@ inline std::uint16_t SubType(const std::uint8_t *pucTlv) {
 inline std::uint16_t SubLen(const std::uint8_t *pucTlv) {
     return Load16At(pucTlv, kSubLenOffset);
 }
-// True when a TLV record's whole list, as its head states it, lies inside
-// the used bytes.
-inline bool ListInside(MBUF_CONTROL_BLK_S *pstBlk, std::uint32_t ulType) {
-    return HeadInside(pstBlk, ulType) &&
-           pstBlk->astSlot[ulType].usOffset + kTlvHeadLen + ListLen(Record(pstBlk, ulType)) <=
-               kFixedLen + pstBlk->usUsedLen;
-}
-
 inline MBUF_CTL_TLV_S *AsTlv(std::uint8_t *pucTlv) {
     // Sub-TLVs are packed without padding, so the result may be unaligned;
     // the library itself reads sub-TLVs only through byte loads.

@@ -1,8 +1,10 @@
 // The TLV records (link stack 1, packet-send 20, packet 22): a 4-byte head
 // holding the list length, then sub-TLVs packed without padding. Searches
-// stop at the list length and report a sub-TLV that claims more than is
-// left; storing into record 22 appends by re-creating the record larger.
+// follow the list length and report a sub-TLV that claims more than is left;
+// the block's memory, never the list, bounds what is read. Storing into
+// record 22 appends by re-creating the record larger.
 #include <cstdint>
+#include <cstring>
 
 #include "core/node.h"
 #include "core/wrapper_sites.h"
@@ -16,18 +18,20 @@ namespace krm::ctl {
 std::uint8_t *FindSubTlv(MBUF_S *pstMbuf, std::uint32_t ulRecType, std::uint16_t usType,
                          bool bMatchLen, std::uint16_t usLen, std::uint32_t ulLine) {
     auto *pucRec = static_cast<std::uint8_t *>(MBUF_GetControlInfo(pstMbuf, ulRecType));
-    if (pucRec == nullptr || !HeadInside(pstMbuf->pstCtlInfo, ulRecType)) {
+    if (pucRec == nullptr) {
+        return nullptr;
+    }
+    // The walk follows the list length as the record states it; the block's
+    // memory only ends it where a head would lie outside.
+    std::uint32_t ulRoom = RoomFrom(pstMbuf, pucRec);
+    if (ulRoom < kTlvHeadLen) {
         return nullptr;
     }
     std::uint8_t *pucCur = pucRec + kTlvHeadLen;
-    // Never walk past the block's used bytes, whatever the list claims.
-    const auto ulAvail = static_cast<std::uint32_t>(UsedEnd(pstMbuf->pstCtlInfo) - pucCur);
+    ulRoom -= kTlvHeadLen;
     std::uint32_t ulRemaining = ListLen(pucRec);
-    if (ulRemaining > ulAvail) {
-        ulRemaining = ulAvail;
-    }
     // An empty list (or one shorter than a head) is not an error.
-    while (ulRemaining >= kSubTlvHeadLen) {
+    while (ulRemaining >= kSubTlvHeadLen && ulRoom >= kSubTlvHeadLen) {
         const std::uint32_t ulTotal = SubLen(pucCur) + kSubTlvHeadLen;
         if (ulTotal > ulRemaining) {
             Report(kModKrmMbuf, ulLine, "T %u ML %u TL %u", SubType(pucCur), ulRemaining, ulTotal);
@@ -37,6 +41,7 @@ std::uint8_t *FindSubTlv(MBUF_S *pstMbuf, std::uint32_t ulRecType, std::uint16_t
             return pucCur;
         }
         ulRemaining -= ulTotal;
+        ulRoom = ulTotal < ulRoom ? ulRoom - ulTotal : 0;
         pucCur += ulTotal;
     }
     return nullptr;
@@ -85,7 +90,11 @@ std::int32_t AppendToPacketRecord(MBUF_S *pstMbuf, std::uint32_t ulModuleId,
     if (pucCopy == nullptr) {
         return -1;
     }
-    CopyOrReport(pucCopy, ulOld, pucRec, ulOld, 3502);
+    // A list that claims more than the block's memory holds is a failing
+    // copy: reported, and the record is rebuilt from what could be kept.
+    std::memset(pucCopy, 0, ulOld);
+    const std::uint32_t ulRoom = ctl::RoomFrom(pstMbuf, pucRec);
+    CopyOrReport(pucCopy, ulOld < ulRoom ? ulOld : ulRoom, pucRec, ulOld, 3502);
     MBUF_DeleteControlInfo(pstMbuf, MBUF_CTL_PACKET);
     std::int32_t lRet = -1;
     if (MBUF_CreateControlInfo_fl(pstMbuf, MBUF_CTL_PACKET, ulOld + ulTlvTotal, ulModuleId,
@@ -151,16 +160,19 @@ MBUF_API int32_t MBUF_SetTlvInfo_fl(MBUF_S *pstMbuf, uint32_t ulModuleId,
     }
     MBUF_CTL_TLV_S *pstSame = MBUF_GetTlvInfo(pstMbuf, pstTlv);
     if (pstSame != nullptr) {
-        krm::CopyOrReport(pstSame, ulTlvTotal, pucTlv, ulTlvTotal, 3488);
+        // Bounded by the block's memory: a sub-TLV that claims to run past it
+        // is a failing copy, reported.
+        const uint32_t ulRoom = krm::ctl::RoomFrom(pstMbuf, pstSame);
+        krm::CopyOrReport(pstSame, ulTlvTotal < ulRoom ? ulTlvTotal : ulRoom, pucTlv, ulTlvTotal,
+                          3488);
         return 0;
-    }
-    // A list that claims more than the block holds cannot be carried over.
-    if (!krm::ctl::ListInside(pstMbuf->pstCtlInfo, MBUF_CTL_PACKET)) {
-        return -1;
     }
     const auto *pucRec =
         static_cast<const uint8_t *>(MBUF_GetControlInfo(pstMbuf, MBUF_CTL_PACKET));
-    if (krm::ctl::ListLen(pucRec) + ulTlvTotal > krm::ctl::kMaxListLen) {
+    // A record whose head lies outside the block's memory has no list to
+    // carry over.
+    if (!krm::ctl::InMem(pstMbuf, pucRec, krm::ctl::kTlvHeadLen) ||
+        krm::ctl::ListLen(pucRec) + ulTlvTotal > krm::ctl::kMaxListLen) {
         return -1;
     }
     return krm::AppendToPacketRecord(pstMbuf, ulModuleId, pucTlv, ulTlvTotal, &stFl);

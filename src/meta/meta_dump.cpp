@@ -4,6 +4,7 @@
 #include <cstring>
 
 #include "internal/bytes.h"
+#include "meta/ctlinfo_block.h"
 #include "meta/stackdebug_layout.h"
 #include "meta/stackdebug_print.h"
 
@@ -14,7 +15,8 @@ void DumpFlagWords(const MBUF_S *pstHead, char *pcLine, std::uint32_t ulSize) {
         return;
     }
     char acPacket[16] = "none";
-    if (pstHead->pstCtlInfo != nullptr) {
+    // A block in a buffer the platform does not know has no word to read.
+    if (pstHead->pstCtlInfo != nullptr && ctl::MemLen(pstHead) >= sizeof(std::uint32_t)) {
         (void)std::snprintf(acPacket, sizeof(acPacket), "0x%08X",
                             Load32(&pstHead->pstCtlInfo->stComm.ulFlag));
     }

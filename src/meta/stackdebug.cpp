@@ -12,6 +12,7 @@
 #include "internal/report.h"
 #include "krm_mbuf/mbuf.h"
 #include "krm_mbuf/platform.h"
+#include "meta/ctlinfo_block.h"
 #include "meta/stackdebug_layout.h"
 
 namespace krm::meta {
@@ -28,11 +29,22 @@ MBUF_STACKDEBUG_ENTRY_S *AsEntry(std::uint8_t *pucEntry) {
     return static_cast<MBUF_STACKDEBUG_ENTRY_S *>(static_cast<void *>(pucEntry));
 }
 
-// The packet's record 21 at pucRec holds its head and as many entries as its
-// capacity byte says.
-bool HoldsItsEntries(MBUF_S *pstMbuf, const std::uint8_t *pucRec) {
-    const std::uint32_t ulLen = MBUF_GetControlLen(pstMbuf, MBUF_CTL_STACKDEBUG);
-    return ulLen >= kSdHeadLen && ulLen >= SdRecordLen(pucRec[kSdCapacityOff]);
+// What may be read or written of the packet's record 21 at pucRec: the
+// block's memory from the record on. Its slot length is not a bound: a
+// record of an older layout, or one created short, is used as laid out
+// here as long as what is touched lies inside the block.
+std::uint32_t Room(MBUF_S *pstMbuf, const std::uint8_t *pucRec) {
+    return krm::ctl::RoomFrom(pstMbuf, pucRec);
+}
+
+// The capacity and current-index bytes can be read.
+bool CountsReadable(std::uint32_t ulRoom) {
+    return ulRoom > kSdCurIndexOff;
+}
+
+// Entry ulIndex lies wholly inside ulRoom bytes of the record.
+bool EntryInside(std::uint32_t ulIndex, std::uint32_t ulRoom) {
+    return std::uint64_t{kSdHeadLen} + (std::uint64_t{ulIndex} + 1) * kSdEntrySize <= ulRoom;
 }
 
 bool StampableCapacity(std::uint32_t ulCapacity) {
@@ -67,37 +79,48 @@ void ExtendEntry(std::uint8_t *pucEntry, const KRM_SYSTIME_S &stTime, const BEX_
     StoreTick(pucEntry + kSdLastTickOff, stTick);
 }
 
+enum class Stamp { kDone, kFull, kNoRoom };
+
 // Stamps the current entry, or the next one when the current belongs to
-// another component. False when the record is full.
-bool StampInto(std::uint8_t *pucRec, std::uint32_t ulCompId, const KRM_SYSTIME_S &stTime,
-               const BEX_CPUTICK_S &stTick) {
+// another component. kFull when the record has no entry left; kNoRoom when
+// the entry to stamp would leave the block's memory (ulRoom bytes from the
+// record), which ends the stamp there.
+Stamp StampInto(std::uint8_t *pucRec, std::uint32_t ulRoom, std::uint32_t ulCompId,
+                const KRM_SYSTIME_S &stTime, const BEX_CPUTICK_S &stTick) {
     const std::uint32_t ulCapacity = pucRec[kSdCapacityOff];
     const std::uint32_t ulCur = pucRec[kSdCurIndexOff];
     if (ulCur >= ulCapacity) {
-        return false;
+        return Stamp::kFull;
+    }
+    if (!EntryInside(ulCur, ulRoom)) {
+        return Stamp::kNoRoom;
     }
     std::uint8_t *pucEntry = SdEntry(pucRec, ulCur);
     const std::uint32_t ulOwner = Load32At(pucEntry, kSdCompOff);
     if (ulOwner == 0) {
         TakeNewEntry(pucEntry, ulCompId, stTime, stTick);
-        return true;
+        return Stamp::kDone;
     }
     if (ulOwner == ulCompId) {
         ExtendEntry(pucEntry, stTime, stTick);
-        return true;
+        return Stamp::kDone;
     }
-    if (ulCur + 1 < ulCapacity) {
-        pucRec[kSdCurIndexOff] = static_cast<std::uint8_t>(ulCur + 1);
-        TakeNewEntry(SdEntry(pucRec, ulCur + 1), ulCompId, stTime, stTick);
-        return true;
+    if (ulCur + 1 >= ulCapacity) {
+        return Stamp::kFull;
     }
-    return false;
+    if (!EntryInside(ulCur + 1, ulRoom)) {
+        return Stamp::kNoRoom;
+    }
+    pucRec[kSdCurIndexOff] = static_cast<std::uint8_t>(ulCur + 1);
+    TakeNewEntry(SdEntry(pucRec, ulCur + 1), ulCompId, stTime, stTick);
+    return Stamp::kDone;
 }
 
 // Copies an old record into a fresh area laid out the current way: its head
 // (at most 28 bytes) and each entry (at most 48 bytes) into 48-byte slots.
 // Old layouts had a shorter head or smaller entries; ulBound is how many
-// bytes of the old record may be read.
+// bytes of the old record may be read (at least its first 8), and an entry
+// that would reach beyond them ends the copy there.
 void RelayOldRecord(std::uint8_t *pucArea, std::uint32_t ulAreaLen, const std::uint8_t *pucOld,
                     std::uint32_t ulBound) {
     const std::uint32_t ulOldHead = Load16At(pucOld, kSdHeadLenOff) + 4u;
@@ -124,9 +147,9 @@ void RelayOldRecord(std::uint8_t *pucArea, std::uint32_t ulAreaLen, const std::u
 // Rebuilds record 21 with ulNewNum entries around the contents of pucOld.
 // Returns the new record, NULL when the temporary area, the new record or its
 // lookup failed (the old record is gone in the last two cases).
-std::uint8_t *RebuildRecord(MBUF_S *pstMbuf, const std::uint8_t *pucOld, std::uint32_t ulNewNum,
-                            std::uint32_t ulModuleId, const char *pcFileName,
-                            std::uint32_t ulLine) {
+std::uint8_t *RebuildRecord(MBUF_S *pstMbuf, const std::uint8_t *pucOld, std::uint32_t ulBound,
+                            std::uint32_t ulNewNum, std::uint32_t ulModuleId,
+                            const char *pcFileName, std::uint32_t ulLine) {
     const std::uint32_t ulAreaLen = SdRecordLen(pucOld[kSdCapacityOff]);
     auto *pucArea = static_cast<std::uint8_t *>(
         KRM_Malloc_F(ulModuleId, g_aucKrmMemPt[0], ulAreaLen, pcFileName, ulLine));
@@ -134,12 +157,6 @@ std::uint8_t *RebuildRecord(MBUF_S *pstMbuf, const std::uint8_t *pucOld, std::ui
         return nullptr;
     }
     std::memset(pucArea, 0, ulAreaLen);
-    // The slot length bounds what may be read when pucOld is this packet's
-    // record; a caller's copy elsewhere is trusted to be as long as it says.
-    std::uint32_t ulBound = UINT32_MAX;
-    if (pucOld == RawRecord(pstMbuf)) {
-        ulBound = MBUF_GetControlLen(pstMbuf, MBUF_CTL_STACKDEBUG);
-    }
     RelayOldRecord(pucArea, ulAreaLen, pucOld, ulBound);
 
     MBUF_DeleteControlInfo(pstMbuf, MBUF_CTL_STACKDEBUG);
@@ -158,12 +175,18 @@ std::uint8_t *RebuildRecord(MBUF_S *pstMbuf, const std::uint8_t *pucOld, std::ui
     return pucRec;
 }
 
-}  // namespace
-
-std::uint8_t *SdRecord(MBUF_S *pstMbuf) {
-    std::uint8_t *pucRec = RawRecord(pstMbuf);
-    return pucRec != nullptr && HoldsItsEntries(pstMbuf, pucRec) ? pucRec : nullptr;
+// How much of pucOld may be read: the block's memory from it on when it is
+// this packet's record or lies in its block, else all of it (a caller's own
+// copy is trusted to be as long as it says).
+std::uint32_t OldBound(MBUF_S *pstMbuf, const std::uint8_t *pucOld) {
+    if (krm::ctl::BlockOf(pstMbuf) == nullptr) {
+        return UINT32_MAX;
+    }
+    const std::uint32_t ulRoom = Room(pstMbuf, pucOld);
+    return (ulRoom != 0 || pucOld == RawRecord(pstMbuf)) ? ulRoom : UINT32_MAX;
 }
+
+}  // namespace
 
 }  // namespace krm::meta
 
@@ -188,13 +211,18 @@ MBUF_API MBUF_STACKDEBUG_ENTRY_S *MBUF_DelOldAddNewAppTime_fl(MBUF_S *pstMbuf, v
     std::uint8_t *pucRec = nullptr;
     std::uint32_t ulFirstFree = 0;
     if (pucOld != nullptr) {
+        // An old record whose head lies outside the block has nothing to keep.
+        const std::uint32_t ulBound = OldBound(pstMbuf, pucOld);
+        if (ulBound <= kSdEntrySizeOff + 1) {
+            return nullptr;
+        }
         // A record never shrinks: entries beyond the new capacity would be lost.
         if (pucOld[kSdCapacityOff] > ulNewNum) {
             krm::ReportNoText(krm::kModKrmMbuf, 1502);
             return nullptr;
         }
         ulFirstFree = pucOld[kSdCapacityOff];
-        pucRec = RebuildRecord(pstMbuf, pucOld, ulNewNum, ulModuleId, pcFileName, ulLine);
+        pucRec = RebuildRecord(pstMbuf, pucOld, ulBound, ulNewNum, ulModuleId, pcFileName, ulLine);
     } else {
         if (MBUF_CreateControlInfo_fl(pstMbuf, MBUF_CTL_STACKDEBUG, SdRecordLen(ulNewNum),
                                       ulModuleId, pcFileName, ulLine) == MBUF_OK) {
@@ -227,15 +255,17 @@ MBUF_API int32_t MBUF_SetStackDebugInfoSelf_fl(MBUF_S *pstMbuf, uint32_t ulCompI
     std::uint8_t *pucRec = RawRecord(pstMbuf);
     std::uint32_t ulNewNum = kSdMinCapacity;
     if (pucRec != nullptr) {
-        if (!HoldsItsEntries(pstMbuf, pucRec)) {
+        const std::uint32_t ulRoom = Room(pstMbuf, pucRec);
+        if (!CountsReadable(ulRoom)) {
             return -1;
         }
         const std::uint32_t ulCapacity = pucRec[kSdCapacityOff];
         if (!StampableCapacity(ulCapacity)) {
             return -1;
         }
-        if (StampInto(pucRec, ulCompId, *pstTime, *pstTick)) {
-            return 0;
+        const Stamp eStamp = StampInto(pucRec, ulRoom, ulCompId, *pstTime, *pstTick);
+        if (eStamp != Stamp::kFull) {
+            return eStamp == Stamp::kDone ? 0 : -1;
         }
         ulNewNum = ulCapacity + kSdGrowStep;
     }
@@ -247,7 +277,9 @@ MBUF_API int32_t MBUF_SetStackDebugInfoSelf_fl(MBUF_S *pstMbuf, uint32_t ulCompI
     if (pucRec == nullptr || !StampableCapacity(pucRec[kSdCapacityOff])) {
         return -1;
     }
-    return StampInto(pucRec, ulCompId, *pstTime, *pstTick) ? 0 : -1;
+    return StampInto(pucRec, Room(pstMbuf, pucRec), ulCompId, *pstTime, *pstTick) == Stamp::kDone
+               ? 0
+               : -1;
 }
 
 MBUF_API int32_t MBUF_SetStackDebugInfoSelf(MBUF_S *pstMbuf, uint32_t ulCompId,
@@ -290,7 +322,7 @@ MBUF_API int32_t MBUF_SetStackDebugCtl_fl(MBUF_S *pstMbuf, const MBUF_STACKDEBUG
         }
         pucRec = RawRecord(pstMbuf);
     }
-    if (pucRec == nullptr || MBUF_GetControlLen(pstMbuf, MBUF_CTL_STACKDEBUG) < kSdHeadLen) {
+    if (pucRec == nullptr || Room(pstMbuf, pucRec) < kSdHeadLen) {
         return -1;
     }
     pucRec[kSdCtlFlagOff] |= pstCtl->ucFlag;
@@ -334,17 +366,15 @@ MBUF_API int32_t MBUF_GetStackDebugInfoFirstTime(MBUF_S *pstMbuf, uint32_t *pulC
     if (pstMbuf == nullptr || pulCompId == nullptr || pstTime == nullptr) {
         return 1;
     }
-    const std::uint8_t *pucRec = RawRecord(pstMbuf);
+    std::uint8_t *pucRec = RawRecord(pstMbuf);
     if (pucRec == nullptr) {
         return 2;
     }
-    // The first entry must lie inside the record for it to be read at all.
-    const std::uint32_t ulLen = MBUF_GetControlLen(pstMbuf, MBUF_CTL_STACKDEBUG);
-    if (ulLen < SdRecordLen(1)) {
-        return 3;
-    }
-    const std::uint32_t ulCapacity = pucRec[kSdCapacityOff];
-    if (pucRec[kSdCurIndexOff] > ulCapacity || ulLen < SdRecordLen(ulCapacity)) {
+    // The first entry is read where it lies, whatever the record's slot
+    // says, but never outside the block.
+    const std::uint32_t ulRoom = Room(pstMbuf, pucRec);
+    if (!CountsReadable(ulRoom) || pucRec[kSdCurIndexOff] > pucRec[kSdCapacityOff] ||
+        !EntryInside(0, ulRoom)) {
         return 3;
     }
     const std::uint8_t *pucEntry = SdEntry(pucRec, 0);
@@ -367,8 +397,11 @@ MBUF_API int32_t MBUF_GetStackDebugAppTime(MBUF_S *pstMbuf, MBUF_STACKDEBUG_ENTR
     if (pstMbuf == nullptr || ppstEntries == nullptr || pucCurIndex == nullptr) {
         return -1;
     }
-    std::uint8_t *pucRec = SdRecord(pstMbuf);
-    if (pucRec == nullptr || pucRec[kSdCurIndexOff] > pucRec[kSdCapacityOff]) {
+    // The entries handed out start behind the head, which must lie inside
+    // the block for them to start there at all.
+    std::uint8_t *pucRec = RawRecord(pstMbuf);
+    if (pucRec == nullptr || Room(pstMbuf, pucRec) < kSdHeadLen ||
+        pucRec[kSdCurIndexOff] > pucRec[kSdCapacityOff]) {
         return -1;
     }
     *ppstEntries = AsEntry(SdEntry(pucRec, 0));
@@ -381,8 +414,12 @@ MBUF_API uint32_t MBUF_CopyStackDebugInfo(MBUF_S *pstSrc, MBUF_S *pstDst, uint32
     if (pstSrc == nullptr || pstDst == nullptr) {
         return kFail;
     }
-    const std::uint8_t *pucSrc = SdRecord(pstSrc);
-    if (pucSrc == nullptr || pucSrc[kSdCurIndexOff] > pucSrc[kSdCapacityOff]) {
+    std::uint8_t *pucSrc = RawRecord(pstSrc);
+    if (pucSrc == nullptr) {
+        return kFail;
+    }
+    const std::uint32_t ulSrcRoom = Room(pstSrc, pucSrc);
+    if (!CountsReadable(ulSrcRoom) || pucSrc[kSdCurIndexOff] > pucSrc[kSdCapacityOff]) {
         return kFail;
     }
     const std::uint32_t ulLen = SdRecordLen(pucSrc[kSdCapacityOff]);
@@ -394,7 +431,8 @@ MBUF_API uint32_t MBUF_CopyStackDebugInfo(MBUF_S *pstSrc, MBUF_S *pstDst, uint32
     if (pucDst == nullptr) {
         return kFail;
     }
-    const int iRet = memcpy_s(pucDst, ulLen, pucSrc, ulLen);
+    // A source whose entries would run past its block is a failing copy.
+    const int iRet = memcpy_s(pucDst, std::min(ulLen, ulSrcRoom), pucSrc, ulLen);
     if (iRet != 0) {
         krm::Report(krm::kModKrmMbuf, 1688, "memcpy_s return %d", iRet);
     }

@@ -81,10 +81,4 @@ inline void StoreTick(std::uint8_t *p, const BEX_CPUTICK_S &t) {
     Store32At(p, 4, t.ulHigh);
 }
 
-// The packet's record 21 when it is usable: present, and long enough for the
-// entries its capacity byte promises. Everything that walks the entries goes
-// through this, so a record built by hand or received damaged is never read
-// past its end. NULL otherwise.
-std::uint8_t *SdRecord(MBUF_S *pstMbuf);
-
 }  // namespace krm::meta

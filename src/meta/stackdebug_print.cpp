@@ -8,6 +8,7 @@
 #include "internal/bytes.h"
 #include "krm_mbuf/mbuf.h"
 #include "krm_mbuf/platform.h"
+#include "meta/ctlinfo_block.h"
 #include "meta/stackdebug_layout.h"
 #include "meta/stackdebug_print.h"
 
@@ -56,13 +57,12 @@ int SdLinePrinter::Line(const std::uint8_t *pucEntry, char *pcBuf, std::uint32_t
         m_stLast.acZone, Load32At(pucEntry, kSdUsecOff), Load32At(pucEntry, kSdTickDeltaOff));
 }
 
-std::uint32_t SdPrintableEntries(const std::uint8_t *pucRec, std::uint32_t ulLen) {
-    if (ulLen < kSdHeadLen) {
+std::uint32_t SdPrintableEntries(const std::uint8_t *pucRec, std::uint32_t ulRoom) {
+    if (ulRoom <= kSdCurIndexOff || pucRec[kSdCapacityOff] == 0) {
         return 0;
     }
-    const std::uint32_t ulCapacity = pucRec[kSdCapacityOff];
-    const std::uint32_t ulFitting = (ulLen - kSdHeadLen) / kSdEntrySize;
-    return std::min({pucRec[kSdCurIndexOff] + 1u, ulCapacity, ulFitting});
+    const std::uint32_t ulFitting = ulRoom < kSdHeadLen ? 0 : (ulRoom - kSdHeadLen) / kSdEntrySize;
+    return std::min(pucRec[kSdCurIndexOff] + 1u, ulFitting);
 }
 
 }  // namespace krm::meta
@@ -72,7 +72,7 @@ namespace {
 std::uint32_t FormatLines(MBUF_S *pstMbuf, const std::uint8_t *pucRec, char *pcBuf,
                           std::uint32_t ulSize) {
     const std::uint32_t ulEntries =
-        krm::meta::SdPrintableEntries(pucRec, MBUF_GetControlLen(pstMbuf, MBUF_CTL_STACKDEBUG));
+        krm::meta::SdPrintableEntries(pucRec, krm::ctl::RoomFrom(pstMbuf, pucRec));
     krm::meta::SdLinePrinter stPrinter;
     std::uint32_t ulUsed = 0;
     for (std::uint32_t i = 0; i < ulEntries; ++i) {
@@ -106,9 +106,9 @@ MBUF_API uint32_t MBUF_GetStackDebugInfo(MBUF_S *pstMbuf, char *pcBuf, uint32_t 
     pcBuf[0] = '\0';
     const auto *pucRec =
         static_cast<const std::uint8_t *>(MBUF_GetControlInfo(pstMbuf, MBUF_CTL_STACKDEBUG));
-    if (pucRec == nullptr ||
-        MBUF_GetControlLen(pstMbuf, MBUF_CTL_STACKDEBUG) < krm::meta::kSdHeadLen ||
-        pucRec[krm::meta::kSdCapacityOff] == 0) {
+    // The record is printed as laid out here whatever its slot says; only
+    // the block's memory bounds what is read.
+    if (pucRec == nullptr) {
         return 0;
     }
     return FormatLines(pstMbuf, pucRec, pcBuf, ulSize);

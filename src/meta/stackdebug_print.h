@@ -27,8 +27,9 @@ class SdLinePrinter {
     Column m_stLast;
 };
 
-// How many entries of a stack-debug record of ulLen bytes are printed: up to
-// the current one, never beyond the capacity or the record's length.
-std::uint32_t SdPrintableEntries(const std::uint8_t *pucRec, std::uint32_t ulLen);
+// How many entries of a stack-debug record are printed when ulRoom bytes of
+// it may be read: none for a capacity of 0, else every one up to the current
+// one, as long as it lies wholly inside those bytes.
+std::uint32_t SdPrintableEntries(const std::uint8_t *pucRec, std::uint32_t ulRoom);
 
 }  // namespace krm::meta

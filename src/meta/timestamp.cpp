@@ -9,6 +9,7 @@
 #include "internal/report.h"
 #include "krm_mbuf/mbuf.h"
 #include "krm_mbuf/platform.h"
+#include "meta/ctlinfo_block.h"
 
 namespace {
 
@@ -39,8 +40,9 @@ MBUF_API void MBUF_SetTimeStampEx_fl(MBUF_S *pstMbuf, uint32_t ulIndex, uint32_t
             return;
         }
     }
-    // A record made by hand may be shorter than the ten stamps.
-    if (MBUF_GetControlLen(pstMbuf, MBUF_CTL_TIMESTAMP) < (ulIndex + 1) * 4) {
+    // A record made shorter than the ten stamps still takes the stamp where
+    // it would lie, as long as that is inside the block's memory.
+    if (!krm::ctl::InMem(pstMbuf, static_cast<std::uint8_t *>(pRec) + ulIndex * 4, 4)) {
         return;
     }
     KRM_SYSTIME_S stTime{};

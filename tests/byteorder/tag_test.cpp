@@ -76,13 +76,14 @@ TEST_F(TagTest, NodeWithoutPacketHeaderConvertsHeadAndSlotsButNoRecord) {
 }
 
 // A block elsewhere than the node's inline area is bound by the pipe
-// buffer it was received in, and failing that by its own account.
-TEST_F(TagTest, SeparateBlockIsBoundByItsPipeBufferOrItsOwnAccount) {
+// buffer it was received in; one the platform reports as 0 bytes long (no
+// buffer of its own) has no room, whatever it says of itself.
+TEST_F(TagTest, SeparateBlockIsBoundByItsPipeBuffer) {
     const Block block = ThreeRecords();
     const Bytes separate = block.ForeignImage();
     Bytes elsewhere(separate.size());
-    EXPECT_TRUE(SameBytes(block.Host(), ViaNode(separate, elsewhere.data())));
-    EXPECT_EQ(Reports().size(), 0u);
+    EXPECT_TRUE(SameBytes(separate, ViaNode(separate, elsewhere.data())));
+    EXPECT_EQ(ReportsOf(kTrans), (std::vector<Seen>{{1320, "Blk len 0 < 92"}}));
 
     auto piece = [&](std::uint32_t len, const Bytes &want, const std::vector<Seen> &reports) {
         KRM_HOST_ReportClear();
@@ -95,8 +96,10 @@ TEST_F(TagTest, SeparateBlockIsBoundByItsPipeBufferOrItsOwnAccount) {
     // Two bytes of the last record: its word stays as received.
     piece(322, Head(Foreign(block.Host(), P("w320")), 322),
           {{1310, "T 9 field 0+4 beyond len 2"}, {118, FdPro() + " TagT 9 Ret 1"}});
-    // Too short for the head: left alone, and so is such a message.
+    // Too short for the head, or a buffer of no bytes at all: left alone,
+    // and so is such a message.
     piece(91, Head(separate, 91), {{1320, "Blk len 91 < 92"}});
+    piece(0, {}, {{1320, "Blk len 0 < 92"}});
     KRM_HOST_ReportClear();
     EXPECT_TRUE(SameBytes(Head(separate, 91), ViaMessage(separate, 91)));
     EXPECT_EQ(ReportsOf(kTrans), (std::vector<Seen>{{1320, "Blk len 91 < 92"}}));
@@ -134,6 +137,49 @@ TEST_F(TagTest, MessageWalkStopsAndReportsAsTheMessageSays) {
     // on common-record bytes already converted, which turn back.
     check("record 2 inside the fixed part", -1, "h100=40", 328, kRecords + P("h104..182 h54 w56"),
           {{262, "40<184 24 Offset<BasOffSet Type 2"}});
+}
+
+// A message in a pipe buffer of its own whose received length falls short
+// of its records: every record inside the buffer is converted all the same,
+// those at or beyond the received length reported first.
+TEST_F(TagTest, ShortReceivedLengthStillConvertsRecordsInsideTheBuffer) {
+    const Block block = ThreeRecords();
+    const Bytes foreign = block.ForeignImage();
+    MBUF_IOVEC_S iov{nullptr, MBUF_CTLINFO_INLINE_LEN, 0};
+    ASSERT_EQ(KRM_DbufIovecAlloc_F(0, 1, &iov, "test", 1), 0u);
+    auto *tag = static_cast<std::uint8_t *>(iov.pBuf);
+    const auto convert = [&](std::uint32_t len) {
+        KRM_HOST_ReportClear();
+        std::copy(foreign.begin(), foreign.end(), tag);
+        MBUF_TagByteOrderTrans(tag, len);
+        return Bytes(tag, tag + foreign.size());
+    };
+    // Record 2 is converted however short the received length, the walk
+    // stopping after its slot check fails; records 3 and 9 and the slots
+    // behind it stay as received.
+    const Bytes want = Foreign(block.Host(), P("w320 h104..182") + At(208, kMpls));
+    struct Case {
+        std::uint32_t len;
+        std::vector<Seen> reports;
+    };
+    const Case cases[] = {
+        {200,
+         {{239, "RevLen=200 < 184 + 144 264 23"}, {269, "184+24<200 offset+len<revLen Type 2"}}},
+        {184,
+         {{239, "RevLen=184 < 184 + 144 264 23"},
+          {190, "RevLen=184 < 184 type=2"},
+          {269, "184+24<184 offset+len<revLen Type 2"}}},
+        // Shorter than its slot array: reported, and still walked.
+        {100,
+         {{232, "RevLen=100 < 184 23"},
+          {190, "RevLen=100 < 184 type=2"},
+          {269, "184+24<100 offset+len<revLen Type 2"}}},
+    };
+    for (const Case &c : cases) {
+        EXPECT_TRUE(SameBytes(want, convert(c.len))) << c.len;
+        EXPECT_EQ(ReportsOf(kTrans), c.reports) << c.len;
+    }
+    EXPECT_EQ(KRM_DbufIovecFree_F(1, &iov, "test", 2), 0u);
 }
 
 TEST_F(TagTest, ChecksOfAConvertedMessage) {

@@ -130,6 +130,25 @@ TEST_F(ContiguityTest, ALongRangeGetsANewNodeSizedForIt) {
     }
 }
 
+// A source head that concatenation linked keeps MBUF_PKTHDR and its own
+// length; cutting the range's bytes from its front leaves that length alone.
+TEST_F(ContiguityTest, CuttingFromALinkedSourceHeadKeepsItsLength) {
+    MBUF_S *m = BuildChain({InlineNode(100), ClusterNode(100)}, 1);
+    MBUF_S *src = BuildChain({InlineNode(300)}, 2);
+    const Bytes flat = Cat(Flatten(m), Flatten(src));
+    ASSERT_EQ(MBUF_Concatenate(m, src), MBUF_OK);
+    ASSERT_EQ(m->pstNext->pstNext, src);
+    ASSERT_NE(src->ulFlag & MBUF_PKTHDR, 0u);
+    const std::uint8_t *range = MBUF_MakeMemoryContinuous(m, 150, 100, kTestModule);
+    ASSERT_NE(range, nullptr);
+    EXPECT_EQ(Bytes(range, range + 100), Slice(flat, 150, 100));
+    EXPECT_EQ(src->ulDataLen, 250u);
+    EXPECT_EQ(src->ulTotalDataLen, 300u);
+    EXPECT_TRUE(HoldsBytes(m, flat));
+    EXPECT_TRUE(IsValidPacket(m));
+    MBUF_Destroy(m);
+}
+
 TEST_F(ContiguityTest, ReportsNegativeArgumentsAndANullPacket) {
     MBUF_S *m = BuildChain({InlineNode(10)});
     EXPECT_EQ(MBUF_MakeMemoryContinuous(m, -1, 10, kTestModule), nullptr);

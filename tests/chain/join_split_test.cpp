@@ -118,6 +118,8 @@ TEST_F(JoinSplitTest, ConcatenateCopiesSmallDataIntoInlineRoomOnly) {
         ASSERT_EQ(MBUF_Concatenate(dst, src), MBUF_OK);
         EXPECT_EQ(NodeLengths(dst), c.lengths);
         EXPECT_TRUE(HoldsBytes(dst, flat));
+        // A linked source head keeps MBUF_PKTHDR by design: still a packet.
+        EXPECT_TRUE(IsValidPacket(dst));
         for (MBUF_S *n = dst->pstNext; n != nullptr; n = n->pstNext) {
             EXPECT_TRUE((n->ulFlag & MBUF_PKTHDR) == 0 || n->pstCtlInfo == nullptr);
         }

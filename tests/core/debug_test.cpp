@@ -68,8 +68,19 @@ TEST_F(DebugTest, EachCorruptedFieldIsNamed) {
         {[](N n, B) { n[2]->ucMagic = 0; }, MBUF_DBG_ERR_MAGIC, "node 2: magic 0x00, not 0xaa"},
         {[](N n, B) { n[0]->ulFlag &= ~MBUF_PKTHDR; }, MBUF_DBG_ERR_PKTHDR,
          "node 0: head without MBUF_PKTHDR"},
-        {[](N n, B) { n[1]->ulFlag |= MBUF_PKTHDR; }, MBUF_DBG_ERR_PKTHDR,
-         "node 1: MBUF_PKTHDR on a later node"},
+        // A later node may carry MBUF_PKTHDR (a linked source head does), but
+        // then its data must lie in a header's inline area, 476 bytes into the
+        // body, and its block must be its own.
+        {[](N n, B) { n[1]->ulFlag |= MBUF_PKTHDR; }, MBUF_DBG_ERR_DATA_RANGE,
+         "node 1: data starts 476 before inline area"},
+        {[](N n, B) {
+             n[1]->ulFlag |= MBUF_PKTHDR;
+             n[1]->pucData = n[1]->aucHdrInlineData;
+             n[1]->pstCtlInfo = reinterpret_cast<B>(n[0]->aucHdrInlineData);
+         },
+         MBUF_DBG_ERR_PKTHDR, "node 1: MBUF_PKTHDR with a block in no known buffer"},
+        {[](N n, B) { n[0]->pstCtlInfo = reinterpret_cast<B>(n[0]->aucHdrInlineData); },
+         MBUF_DBG_ERR_CTL_CAPACITY, "block: separate, in no known buffer"},
         {[](N n, B) { n[2]->pucExtBuf = nullptr; }, MBUF_DBG_ERR_EXT,
          "node 2: MBUF_EXT without buffer"},
         {[](N n, B) { n[2]->ulExtSize = 0; }, MBUF_DBG_ERR_EXT,
@@ -177,6 +188,27 @@ TEST_F(DebugTest, DumpOfABrokenPacketStaysBounded) {
     EXPECT_NE(text.find("magic 0x00"), std::string::npos) << text;
     EXPECT_EQ(text.find("node 3"), std::string::npos) << text;
     EXPECT_EQ(Dump(nullptr), "packet: none\n");
+
+    // A record offset beyond the block, under a used length that claims it:
+    // described, not read.
+    const MBUF_CONTROL_BLK_S pristine = *Blk();
+    Blk()->usUsedLen = 60000;
+    Blk()->astSlot[MBUF_CTL_PACKET].usOffset = 4000;
+    Blk()->astSlot[MBUF_CTL_STACKDEBUG] = {440, 320};
+    const std::string record = Dump(head_);
+    *Blk() = pristine;
+    EXPECT_NE(record.find("  22 PACKET offset 4000 len 16 beyond its block of 448\n"),
+              std::string::npos)
+        << record;
+    EXPECT_NE(record.find("  21 STACKDEBUG offset 440 len 320\n  22"), std::string::npos) << record;
+    // A block in no buffer the platform knows has no room to read.
+    head_->pstCtlInfo = reinterpret_cast<MBUF_CONTROL_BLK_S *>(head_->aucHdrInlineData);
+    const std::string lost = Dump(head_);
+    head_->pstCtlInfo = &head_->stCtlInfo.stBlk;
+    EXPECT_NE(lost.find("flag words: packet none"), std::string::npos) << lost;
+    EXPECT_NE(lost.find("block: separate, in a buffer of 0, short of its fixed part\n"),
+              std::string::npos)
+        << lost;
 }
 
 }  // namespace

@@ -176,6 +176,9 @@ class DerivedTest : public MetaTest {
     static Record FeRx1(std::uint16_t vlan, std::uint16_t flags) {
         return {MBUF_CTL_FERX, Zeros(52, {{16, U16(vlan)}, {28, U16(flags)}})};
     }
+    // Fills the inline block's record area up to its last 8 bytes, so that
+    // the next record of 8 bytes ends where the block's memory ends.
+    static Record Filler() { return {MBUF_CTL_APP, Zeros(MBUF_CTL_INIT_CAPACITY - 8)}; }
     static Record Link(const std::vector<Bytes> &subTlvs) {
         return {MBUF_CTL_LINK, TlvRecord(Cat(subTlvs))};
     }
@@ -222,8 +225,19 @@ TEST_F(DerivedTest, TosPrefersIpv4AndMtuFollowsTheProtocolType) {
         {"ipv4 record, ipv6 packet", {Ip(0x2E, 1500)}, 1, 0x2E, 0xFFFF},
         {"ipv6 record, ipv4 packet", {Ip6(0x48, 1280)}, 0, 0x48, 0xFFFF},
         {"other protocol", {Ip(1, 1500), Ip6(2, 1280)}, 2, 1, 0xFFFF},
-        // A record too short for the field reads as missing.
-        {"short ipv4 record", {{MBUF_CTL_IP, Zeros(8)}, Ip6(0x48, 1280)}, 0, 0x48, 0xFFFF},
+        // A record created short is read where its fields would lie: here in
+        // the record behind it (bytes 5 and 6 of it); at the block's end,
+        // where they would lie outside, it reads as missing.
+        {"short ipv4 record",
+         {{MBUF_CTL_IP, Zeros(8)}, {MBUF_CTL_APP, Zeros(8, {{5, {0x5A}}, {6, U16(1400)}})}},
+         0,
+         0x5A,
+         1400},
+        {"short ipv4 record at the block's end",
+         {Filler(), {MBUF_CTL_IP, Zeros(8)}},
+         0,
+         0xFF,
+         0xFFFF},
     };
     for (const Case &c : cases) {
         MBUF_S *m = Build(c.records, c.proto);
@@ -253,7 +267,17 @@ TEST_F(DerivedTest, RecvVlanIdSearchesLinkStackThenForwardingRecord) {
         {"802.1Q before QinQ", {Link({QinQ(10, 20), Dot1q(100)})}, 1, {100, kNone}},
         {"QinQ, value at 2 first", {Link({QinQ(10, 20)})}, 2, {20, 10}},
         {"QinQ before FE record", {Link({QinQ(10, 20)}), FeRx1(300, 0x2000)}, 2, {20, 10}},
-        {"802.1Q without value skipped", {Link({SubTlv(4, {}), QinQ(10, 20)})}, 2, {20, 10}},
+        // An 802.1Q sub-TLV without value reads its id from what follows it:
+        // the type of the next sub-TLV.
+        {"802.1Q without value", {Link({SubTlv(4, {}), QinQ(10, 20)})}, 1, {2, kNone}},
+        {"short FE record reads on",
+         {{MBUF_CTL_FERX, Zeros(8)}, {MBUF_CTL_APP, Zeros(24, {{8, U16(300)}, {20, U16(0x2000)}})}},
+         1,
+         {300, kNone}},
+        {"short FE record at the block's end",
+         {Filler(), {MBUF_CTL_FERX, Zeros(8)}},
+         0,
+         {kNone, kNone}},
         {"one tag, high bits masked", {FeRx1(0xF12C, 0x2000)}, 1, {300, kNone}},
         {"one tag 1", {FeRx1(1, 0x2000)}, 1, {1, kNone}},
         {"one tag 4094", {FeRx1(4094, 0x2000)}, 1, {4094, kNone}},
@@ -376,7 +400,14 @@ TEST_F(DerivedTest, PruneVlansComeFromVsiThenBridgeDomain) {
         // The count says two even when only one fits.
         {"room for one", {Prune(9, 10, 20)}, 1, 0, 2, {10, kNone}},
         {"no room", {Prune(9, 10, 20)}, 0, 0, 2, {kNone, kNone}},
-        {"short vsi skipped", {SubTlv(9, Zeros(8)), Prune(11, 30, 40)}, 2, 0, 2, {30, 40}},
+        // A short VSI sub-TLV is read where its VLANs would lie: in the value
+        // of the sub-TLV behind it.
+        {"short vsi reads on",
+         {SubTlv(9, Zeros(8)), SubTlv(3, Zeros(8, {{4, U16(30)}, {6, U16(40)}}))},
+         2,
+         0,
+         2,
+         {30, 40}},
         {"neither", {SubTlv(4, Zeros(8))}, 2, -1, 77, {kNone, kNone}},
     };
     for (const Case &c : cases) {
@@ -425,11 +456,22 @@ TEST_F(DerivedTest, TunnelKeyCreatesTheMplsRecordOnceAndReplacesOnlyTheKey) {
     const std::uint8_t *ownRec = AddRecord(own, MBUF_CTL_MPLS, 108);
     ASSERT_EQ(MBUF_SetTunnelKey(own, kModule, keyA.data()), 0);
     EXPECT_EQ(Bytes(ownRec, ownRec + 108), Cat({Bytes(96, 0), keyA}));
-    // A record made by hand too short for the key is left as it is.
+    // A record made by hand too short for the key takes it at 96 all the
+    // same, inside the block; at the block's end the key would lie outside:
+    // nothing is written, the setter still succeeds and the getter fails.
     MBUF_S *shortRec = NewPacket();
-    ASSERT_NE(AddRecord(shortRec, MBUF_CTL_MPLS, 16), nullptr);
-    EXPECT_EQ(MBUF_SetTunnelKey(shortRec, kModule, keyA.data()), -1);
-    EXPECT_EQ(MBUF_GetTunnelKey(shortRec, key.data()), -1);
+    const std::uint8_t *shortMpls = AddRecord(shortRec, MBUF_CTL_MPLS, 16);
+    EXPECT_EQ(MBUF_SetTunnelKey(shortRec, kModule, keyA.data()), 0);
+    EXPECT_EQ(Bytes(shortMpls + 96, shortMpls + 108), keyA);
+    EXPECT_EQ(MBUF_GetTunnelKey(shortRec, key.data()), 0);
+    EXPECT_EQ(key, keyA);
+    MBUF_S *atEnd = NewPacket();
+    (void)AddRecord(atEnd, MBUF_CTL_APP, MBUF_CTL_INIT_CAPACITY - 8);
+    (void)AddRecord(atEnd, MBUF_CTL_MPLS, 8);
+    const Bytes before = BlockBytes(atEnd);
+    EXPECT_EQ(MBUF_SetTunnelKey(atEnd, kModule, keyA.data()), 0);
+    EXPECT_EQ(BlockBytes(atEnd), before);
+    EXPECT_EQ(MBUF_GetTunnelKey(atEnd, key.data()), -1);
     MBUF_S *none = NewPacket();
     EXPECT_EQ(MBUF_SetTunnelKey(none, kModule, nullptr), -1);
     EXPECT_EQ(Rec(none, MBUF_CTL_MPLS), nullptr);

@@ -2,6 +2,7 @@
 // searches, the tags underneath (placement, growth, release, copies), the
 // allocation site every wrapper stamps, and every allocating operation of
 // the family failed at each of its allocations.
+#include <algorithm>
 #include <cstring>
 
 #include "fault_sweep.h"
@@ -229,6 +230,27 @@ TEST_F(CtlInfoTest, EverySearchStopsAtTheListAndReportsAnOverlongSubTlv) {
         EXPECT_EQ(Find(s, m, 7), nullptr);
         EXPECT_EQ(Reports(),
                   std::vector<Report>{AssertReport("krm_mbuf", s.reportLine, "T 7 ML 7 TL 8")});
+        // The list length, not the slot (24 bytes), leads the walk: a sub-TLV
+        // behind the slot is found, and an overlong one is reported with
+        // what the list says is left.
+        KRM_HOST_ReportClear();
+        Store16At(rec, 16, 3);
+        std::uint8_t *blockEnd = reinterpret_cast<std::uint8_t *>(m->pstCtlInfo) + 448;
+        std::fill(rec + 21, blockEnd, std::uint8_t{0});
+        const Bytes behind = SubTlv(9, {0xC});
+        std::copy(behind.begin(), behind.end(), rec + 21);
+        Store16At(rec, 2, static_cast<std::uint16_t>(list.size() + behind.size()));
+        EXPECT_EQ(Find(s, m, 9), rec + 21);
+        Store16At(rec, 2, 0xFFFF);
+        Store16At(rec, 23, 0xFFF0);
+        EXPECT_EQ(Find(s, m, 9), nullptr);
+        EXPECT_EQ(Reports(), std::vector<Report>{
+                                 AssertReport("krm_mbuf", s.reportLine, "T 9 ML 65518 TL 65524")});
+        // Zero sub-TLVs up to the block's end: the walk ends there unreported.
+        KRM_HOST_ReportClear();
+        Store16At(rec, 23, 1);
+        EXPECT_EQ(Find(s, m, 0x77), nullptr);
+        EXPECT_TRUE(Reports().empty());
     }
 }
 

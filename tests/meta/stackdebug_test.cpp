@@ -2,6 +2,7 @@
 // entry a stamp lands in, how the record grows, what damaged or old records
 // get, the control fields, the readers and the copier; and the time-stamp
 // record beside it.
+#include <cerrno>
 #include <cstring>
 #include <string>
 #include <vector>
@@ -212,9 +213,10 @@ TEST_F(StackDebugTest, NoStampBeyondNineteenEntries) {
     ExpectValid(m);
 }
 
-// Records built by hand or received damaged are never stamped into, and one
-// too short even for its head is refused by every reader and writer; nor is
-// a packet stamped without one of the stamp's parts.
+// A record's capacity outside 1..19 is refused, and so is a stamp whose
+// entry would leave the block (the current entry of a short record at 184
+// of the 448-byte inline block ends at 500); nor is a packet stamped without
+// one of the stamp's parts.
 TEST_F(StackDebugTest, DamagedRecordsAndMissingPartsAreRefused) {
     struct Case {
         const char *name;
@@ -223,35 +225,22 @@ TEST_F(StackDebugTest, DamagedRecordsAndMissingPartsAreRefused) {
         std::uint8_t current;
     };
     const Case cases[] = {
-        {"capacity 0", kHeadLen, 0, 0},        {"capacity 20", RecordLen(20), 20, 0},
-        {"capacity 25", RecordLen(25), 25, 0}, {"shorter than its capacity", RecordLen(2), 6, 5},
-        {"shorter than its head", 8, 1, 0},
+        {"capacity 0", kHeadLen, 0, 0},
+        {"capacity 20", RecordLen(20), 20, 0},
+        {"capacity 25", RecordLen(25), 25, 0},
+        {"current entry beyond the block", RecordLen(2), 6, 5},
     };
     for (const Case &c : cases) {
         SCOPED_TRACE(c.name);
         MBUF_S *m = NewPacket();
         std::uint8_t *rec = HandRecord(m, c.len, c.capacity, c.current);
-        const Bytes before(rec, rec + MBUF_GetControlLen(m, MBUF_CTL_STACKDEBUG));
+        const Bytes before = BlockBytes(m);
         EXPECT_EQ(Stamp(m, kCompA), -1);
         EXPECT_EQ(Sd(m), rec);
-        EXPECT_EQ(Bytes(rec, rec + before.size()), before);
+        EXPECT_EQ(BlockBytes(m), before);
     }
-    MBUF_S *m = NewPacket();
-    std::uint8_t *rec = HandRecord(m, 8, 1);
-    const Bytes before(rec, rec + 8);
-    const MBUF_STACKDEBUG_CTL_S ctl{1, 2, 3, 4, 5, 6, 7, 8};
-    EXPECT_EQ(MBUF_SetStackDebugCtl_fl(m, &ctl, kModule, "c", 1), -1);
     std::uint32_t comp = 0;
     KRM_SYSTIME_S time = Zero();
-    EXPECT_EQ(MBUF_GetStackDebugInfoFirstTime(m, &comp, &time), 3);
-    MBUF_STACKDEBUG_ENTRY_S *entries = nullptr;
-    std::uint8_t current = 0;
-    EXPECT_EQ(MBUF_GetStackDebugAppTime(m, &entries, &current), -1);
-    EXPECT_EQ(MBUF_CopyStackDebugInfo(m, NewPacket(), kModule), 0xFFFFFFFFu);
-    char text[256];
-    EXPECT_EQ(MBUF_GetStackDebugInfo(m, text, sizeof(text)), 0u);
-    EXPECT_EQ(Bytes(rec, rec + 8), before);
-
     const BEX_CPUTICK_S tick{1, 0};
     MBUF_S *none = NewPacket();
     EXPECT_EQ(Stamp(nullptr, kCompA), -1);
@@ -259,6 +248,56 @@ TEST_F(StackDebugTest, DamagedRecordsAndMissingPartsAreRefused) {
     EXPECT_EQ(MBUF_SetStackDebugInfoSelf_fl(none, kCompA, nullptr, &tick, kModule, "c", 1), -1);
     EXPECT_EQ(MBUF_SetStackDebugInfoSelf_fl(none, kCompA, &time, nullptr, kModule, "c", 1), -1);
     EXPECT_EQ(Sd(none), nullptr);
+    EXPECT_EQ(MBUF_GetStackDebugInfoFirstTime(none, &comp, &time), 2);
+}
+
+// A record created shorter than its head is used as laid out here, its head
+// and entries running on past its slot inside the block; at the block's
+// end, where its head would leave the block, every reader and writer stops.
+TEST_F(StackDebugTest, ShortRecordIsUsedInsideTheBlockAndRefusedAtItsEdge) {
+    const MBUF_STACKDEBUG_CTL_S ctl{0x01, 2, 3, 4, 5, 6, 7, 8};
+    std::uint32_t comp = 0;
+    KRM_SYSTIME_S time = Zero();
+    MBUF_STACKDEBUG_ENTRY_S *entries = nullptr;
+    std::uint8_t current = 99;
+
+    MBUF_S *m = NewPacket();
+    std::uint8_t *rec = HandRecord(m, 8, 1);
+    std::memset(rec + 8, 0, RecordLen(1) - 8);
+    StampAt(m, kCompA, Time(2024, 3, 5, 10, 20, 30, 123), 1000);
+    StampAt(m, kCompA, Time(2024, 3, 5, 10, 20, 31, 623), 1500);
+    EXPECT_EQ(MBUF_SetStackDebugCtl_fl(m, &ctl, kModule, "c", 1), 0);
+    EXPECT_EQ(Bytes(rec + 8, rec + kHeadLen),
+              Cat({{1, 2}, U16(3), U32(4), U32(5), U32(6), U16(7), U16(8)}));
+    EXPECT_EQ(Load32At(rec, kHeadLen), kCompA);
+    EXPECT_EQ(MBUF_GetStackDebugInfoFirstTime(m, &comp, &time), 0);
+    EXPECT_EQ(TimeBytes(time), TimeBytes(Time(2024, 3, 5, 10, 20, 31, 623)));
+    ASSERT_EQ(MBUF_GetStackDebugAppTime(m, &entries, &current), 0);
+    EXPECT_EQ(static_cast<void *>(entries), rec + kHeadLen);
+    EXPECT_EQ(Print(m),
+              "[SOCK  0x  650001]: 2024-03-05 18:20:30.123+08:00 ~ 2024-03-05 "
+              "18:20:31.623+08:00 (500us/500tick)\r\n");
+    MBUF_S *copy = NewPacket();
+    ASSERT_EQ(MBUF_CopyStackDebugInfo(m, copy, kModule), 0u);
+    EXPECT_EQ(Bytes(Sd(copy), Sd(copy) + RecordLen(1)), Bytes(rec, rec + RecordLen(1)));
+
+    MBUF_S *edge = NewPacket();
+    (void)AddRecord(edge, MBUF_CTL_APP, MBUF_CTL_INIT_CAPACITY - 8);
+    rec = HandRecord(edge, 8, 1);
+    const Bytes before = BlockBytes(edge);
+    EXPECT_EQ(Stamp(edge, kCompA), -1);
+    EXPECT_EQ(MBUF_SetStackDebugCtl_fl(edge, &ctl, kModule, "c", 1), -1);
+    EXPECT_EQ(MBUF_GetStackDebugInfoFirstTime(edge, &comp, &time), 3);
+    EXPECT_EQ(MBUF_GetStackDebugAppTime(edge, &entries, &current), -1);
+    EXPECT_EQ(Print(edge), "");
+    EXPECT_EQ(BlockBytes(edge), before);
+    // The copy would read the source's entry outside its block: a failing
+    // bounded copy, reported; the copy's record stays zero.
+    copy = NewPacket();
+    EXPECT_EQ(MBUF_CopyStackDebugInfo(edge, copy, kModule), 0u);
+    EXPECT_EQ(Bytes(Sd(copy), Sd(copy) + RecordLen(1)), Bytes(RecordLen(1), 0));
+    EXPECT_EQ(Reports(), (std::vector<Report>{AssertReport(
+                             "krm_mbuf", 1688, "memcpy_s return " + std::to_string(ERANGE))}));
 }
 
 // ---- rebuilding ---------------------------------------------------------------------------
@@ -312,20 +351,59 @@ TEST_F(StackDebugTest, RebuildRelaysAnOlderLayout) {
     ExpectValid(m);
 }
 
-// Entries the old record claims but does not hold are not read: they come
-// out free.
-TEST_F(StackDebugTest, RebuildReadsNoFurtherThanTheOldRecord) {
+// A peer's record of an older layout (a 20-byte head, 40-byte entries
+// without the last tick) brought to the current form the way a receiver
+// does it, at its own capacity, then stamped and printed.
+TEST_F(StackDebugTest, OldLayoutIsUpgradedThenStampedAndPrinted) {
+    constexpr std::uint32_t kOldHead = 20;
+    constexpr std::uint32_t kOldEntry = 40;
+    const auto oldEntry = [](std::uint32_t comp, std::uint32_t usec, const KRM_SYSTIME_S &first,
+                             const KRM_SYSTIME_S &last, std::uint64_t delta) {
+        return Cat({U32(comp), U32(usec), TimeBytes(first), TimeBytes(last), Tick(delta)});
+    };
+    const Bytes oldRec = Cat({U16(0),
+                              U16(kOldHead - 4),
+                              {6, 1},
+                              U16(kOldEntry),
+                              Bytes(12, 0),
+                              oldEntry(kCompA, 1500, Time(2024, 3, 5, 10, 20, 30, 123),
+                                       Time(2024, 3, 5, 10, 20, 31, 623), 1500),
+                              oldEntry(kCompB, 0, Time(2024, 3, 5, 10, 20, 32, 0), Zero(), 0),
+                              Bytes(4 * kOldEntry, 0)});
+    MBUF_S *m = NewPacket();
+    std::uint8_t *old = AddRecordBytes(m, MBUF_CTL_STACKDEBUG, oldRec);
+    ASSERT_NE(MBUF_DelOldAddNewAppTime_fl(m, old, old[4], kModule, "c", 1), nullptr);
+    const std::uint8_t *rec = Sd(m);
+    ASSERT_NE(rec, nullptr);
+    EXPECT_EQ(Bytes(rec, rec + 8), Cat({U16(0), U16(24), {6, 1}, U16(48)}));
+    // ARP's entry had no last tick: the whole tick counts as its delta.
+    StampAt(m, kCompB, Time(2024, 3, 5, 10, 20, 33, 0), 250);
+    ExpectValid(m);
+    EXPECT_EQ(Print(m),
+              "[SOCK  0x  650001]: 2024-03-05 18:20:30.123+08:00 ~ 2024-03-05 18:20:31.623+08:00 "
+              "(1500us/1500tick)\r\n"
+              "[ARP   0x  770002]: 2024-03-05 18:20:32.000+08:00 ~ 2024-03-05 18:20:33.000+08:00 "
+              "(250us/250tick)\r\n");
+    EXPECT_TRUE(Reports().empty());
+}
+
+// Entries the old record claims beyond its slot are read where they lie in
+// the block: the record at 184 has 264 bytes of the inline block, so entries
+// 2 and 3 are taken from what follows the slot and entry 4, which would end
+// at 268, ends the copy.
+TEST_F(StackDebugTest, RebuildReadsNoFurtherThanTheBlock) {
     MBUF_S *m = NewPacket();
     std::uint8_t *old = HandRecord(m, RecordLen(2), 6);  // 124 bytes, slot 128
     Store32At(old, kHeadLen, kCompA);
     Store32At(old, RecordLen(1), kCompB);
-    // What lies behind the record in the block must not be taken for entries.
     std::memset(old + 128, 0x5A, MBUF_CTL_INIT_CAPACITY - 128);
     ASSERT_NE(MBUF_DelOldAddNewAppTime_fl(m, old, 12, kModule, "c", 1), nullptr);
     const std::uint8_t *rec = Sd(m);
     EXPECT_EQ(Load32At(rec, kHeadLen), kCompA);
     EXPECT_EQ(Load32At(rec, RecordLen(1)), kCompB);
-    EXPECT_EQ(Bytes(rec + RecordLen(2), rec + RecordLen(12)), Bytes(10 * kEntryLen, 0));
+    EXPECT_EQ(Bytes(rec + RecordLen(2), rec + RecordLen(12)),
+              Cat({Bytes(4, 0), Bytes(44 + kEntryLen, 0x5A), Bytes(8 * kEntryLen, 0)}));
+    ExpectValid(m);
 }
 
 // ---- control fields -----------------------------------------------------------------------
@@ -566,14 +644,25 @@ TEST_F(StackDebugTest, PrintsUpToTheCurrentEntryOnly) {
     }
     EXPECT_NE(text.find("[IPAPP 0x  6B0001]: 2024-03-05 18:00:06.000+08:00" + kNoLast),
               std::string::npos);
-    auto *rec = Rec(m, MBUF_CTL_STACKDEBUG);
-    rec[5] = 0;
+    Rec(m, MBUF_CTL_STACKDEBUG)[5] = 0;
     EXPECT_EQ(Print(m), "[SOCK  0x  650001]: 2024-03-05 18:00:00.000+08:00" + kNoLast);
-    // A current index beyond the capacity prints the capacity's worth: the
-    // five free entries carry the last converted first stamp along.
+}
+
+// Entries are printed up to the current index even beyond the capacity and
+// the record's slot, as long as they lie inside the block: a record at 184
+// of the inline block has room for four.
+TEST_F(StackDebugTest, PrintsBeyondTheCapacityUpToTheBlocksEdge) {
+    MBUF_S *m = NewPacket();
+    std::uint8_t *rec = HandRecord(m, RecordLen(1), 1, 3);
+    std::memset(rec + kHeadLen, 0, MBUF_CTL_INIT_CAPACITY - kHeadLen);
+    Store32At(rec, kHeadLen, kCompA);
+    Store32At(rec, RecordLen(2), kCompB);
+    const std::string free = "[OTHERS 0x       0]: 0000-00-00 00:00:00.000" + kNoLast;
+    const std::string all = "[SOCK  0x  650001]: 0000-00-00 00:00:00.000" + kNoLast + free +
+                            "[ARP   0x  770002]: 0000-00-00 00:00:00.000" + kNoLast + free;
+    EXPECT_EQ(Print(m), all);
     rec[5] = 200;
-    const std::string free = "[OTHERS 0x       0]: 2024-03-05 18:00:06.000+08:00" + kNoLast;
-    EXPECT_EQ(Print(m), text + free + free + free + free + free);
+    EXPECT_EQ(Print(m), all);
 }
 
 TEST_F(StackDebugTest, DumpShowsFlagWordsAndOneLinePerEntry) {
