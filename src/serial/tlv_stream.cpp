@@ -69,15 +69,13 @@ void CopyData(const std::uint8_t *pucData, const Out &out, std::uint32_t ulDataL
     }
 }
 
-// The record's bytes as far as they lie inside the block's used area; a
-// record whose stated length runs past it (a TLV list claiming more than
-// was ever written) has the rest of its L bytes written as zeros, so the
-// stream stays well-formed and nothing past the block is read.
+// The record's bytes as far as they lie inside the block's memory; a record
+// whose stated length runs past it (a TLV list claiming more than the block
+// holds) has the rest of its L bytes written as zeros, so the stream stays
+// well-formed and nothing past the block is read.
 void CopyRecord(MBUF_S *pstMbuf, const std::uint8_t *pucRec, std::uint8_t *pucDst,
                 std::uint32_t ulRoom, std::uint32_t ulLen) {
-    const std::uint8_t *pucEnd = ctl::UsedEnd(pstMbuf->pstCtlInfo);
-    const auto ulInside = static_cast<std::uint32_t>(
-        pucRec < pucEnd ? std::min<std::ptrdiff_t>(pucEnd - pucRec, ulLen) : 0);
+    const std::uint32_t ulInside = std::min(ctl::RoomFrom(pstMbuf, pucRec), ulLen);
     const int iRet = memcpy_s(pucDst, ulRoom, pucRec, ulInside);
     if (iRet != 0) {
         Report(kModKrmMbuf, 2345, "memcpy_s return %d", iRet);
