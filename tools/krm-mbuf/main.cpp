@@ -11,9 +11,13 @@ int main(int argc, char **argv) {
     CLI::App stApp{"krm-mbuf: packets of libkrm_mbuf between processes", "krm-mbuf"};
     stApp.set_version_flag("--version", std::string(g_acMbufVersion));
     std::vector<std::pair<CLI::App *, Run>> vCmds;
-    for (auto pfAdd : {AddRoad, AddInspect, AddCapture, AddTso}) {
-        Run fRun = pfAdd(stApp);
-        vCmds.emplace_back(stApp.get_subcommands({}).back(), std::move(fRun));
+    for (auto pfAdd : {AddRoad, AddInspect, AddCapture}) {
+        const std::size_t ulBefore = stApp.get_subcommands({}).size();
+        const Run fRun = pfAdd(stApp);
+        const auto vSubs = stApp.get_subcommands({});
+        for (std::size_t i = ulBefore; i < vSubs.size(); ++i) {
+            vCmds.emplace_back(vSubs[i], fRun);
+        }
     }
     stApp.require_subcommand(0, 1);
     try {

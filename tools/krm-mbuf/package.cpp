@@ -13,14 +13,14 @@ namespace {
 
 constexpr std::size_t kNode = sizeof(MBUF_S);
 constexpr std::size_t kCtlArea = offsetof(MBUF_S, stCtlInfo);
-constexpr std::size_t kCtlPtrPair = 904;  // the control block's pointer and its reserved word
+// The inline block is there when its head word carries the block mark: the
+// node piece may end with its data, before the link words that would say.
+constexpr std::size_t kCtlHeadWord = MBUF_CTL_COMM_LEN;
 constexpr std::size_t kInlineCap = 872;   // a node's data may reach this far without a buffer
 static_assert(kNode == 936 && MBUF_CTLINFO_INLINE_LEN == 448);
 
 std::string Say(const char *pcFmt, unsigned long a, unsigned long b = 0) {
-    char ac[128];
-    (void)std::snprintf(ac, sizeof(ac), pcFmt, a, b);
-    return ac;
+    return Reason(pcFmt, a, b);
 }
 
 // Splits the file into packets of pieces, checking every count and length
@@ -122,7 +122,7 @@ std::optional<std::string> Rebuild(const PiecePacket &vPieces, Decoded &stOut,
             return std::string("pipe package: the control block piece is missing");
         }
         stPkt.vBlock = vPieces[ulAt++];
-    } else if (Load32(stHead.auc + kCtlPtrPair) != 0 || Load32(stHead.auc + kCtlPtrPair + 4) != 0) {
+    } else if ((stHead.U32(kCtlArea + kCtlHeadWord) >> 24) == MBUF_CTL_BLK_MARK) {
         stPkt.vBlock.assign(stHead.auc + kCtlArea, stHead.auc + kCtlArea + MBUF_CTLINFO_INLINE_LEN);
     }
     if (ulAt != vPieces.size()) {

@@ -23,9 +23,7 @@ constexpr std::uint8_t kOtherOrder =
 static_assert(kHeadWordOff == 84 && kSlotsOff == 92 && sizeof(MBUF_CONTROL_BLK_S) == 184);
 
 std::string Fmt(const char *pcFmt, unsigned long a, unsigned long b = 0, unsigned long c = 0) {
-    char ac[160];
-    (void)std::snprintf(ac, sizeof(ac), pcFmt, a, b, c);
-    return ac;
+    return Reason(pcFmt, a, b, c);
 }
 
 // Reads fields of a buffer written in one byte order; callers check bounds.
@@ -218,6 +216,16 @@ std::optional<std::string> DecodeImageAt(const std::uint8_t *p, std::size_t n, D
 }
 
 }  // namespace
+
+// Callers pass literal formats of up to three %lu/%lx conversions.
+#pragma GCC diagnostic push
+#pragma GCC diagnostic ignored "-Wformat-nonliteral"
+std::string Reason(const char *pcFmt, unsigned long a, unsigned long b, unsigned long c) {
+    char ac[160];
+    (void)std::snprintf(ac, sizeof(ac), pcFmt, a, b, c);
+    return ac;
+}
+#pragma GCC diagnostic pop
 
 const char *WireKindName(WireKind eKind) {
     switch (eKind) {

@@ -60,6 +60,9 @@ std::optional<std::string> Decode(const std::uint8_t *pucBuf, std::size_t ulLen,
 
 const char *OrderName(std::uint8_t ucOrder);
 
+// A one-line reason from a literal format of up to three %lu/%lx fields.
+std::string Reason(const char *pcFmt, unsigned long a, unsigned long b = 0, unsigned long c = 0);
+
 // Decodes the tool's pipe package form (magic already checked).
 std::optional<std::string> DecodePackage(const std::uint8_t *p, std::size_t n, Decoded &stOut);
 

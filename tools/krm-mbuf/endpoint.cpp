@@ -1,0 +1,145 @@
+#include "endpoint.h"
+
+#include <unistd.h>
+
+#include <chrono>
+#include <cstdio>
+#include <thread>
+
+#include "krm_host/pipe.h"
+#include "krm_mbuf/platform.h"
+#include "sample.h"
+
+namespace krm::tool {
+namespace {
+
+std::string Hex(std::uint32_t ul) {
+    char ac[16];
+    (void)std::snprintf(ac, sizeof(ac), "0x%X", ul);
+    return ac;
+}
+
+constexpr std::uint8_t kHello[] = "hello from the peer";
+
+}  // namespace
+
+Endpoint::Endpoint(std::string strVia, PcapngWriter *pCapture) : m_strVia(std::move(strVia)) {
+    if (pCapture != nullptr) {
+        m_pRecorder = std::make_unique<PipeRecorder>(*pCapture);
+    }
+}
+
+Endpoint::~Endpoint() { Close(); }
+
+bool Endpoint::Fail(const std::string &s) {
+    m_strError = s;
+    return false;
+}
+
+void Endpoint::Tap(std::uint32_t ulPipeId, std::uint32_t ulPktCount,
+                   const MBUF_TRANS_DESC_S *pstPkts, void *pArg) {
+    auto *pSelf = static_cast<Endpoint *>(pArg);
+    pSelf->m_pRecorder->Record(ulPipeId, WriterPieces(ulPktCount, pstPkts), Direction::kOutbound);
+}
+
+bool Endpoint::Listen(const std::string &strPath) {
+    (void)unlink(strPath.c_str());
+    std::uint32_t ulRc = KRM_HOST_PipeOpen(kRoadPipe, 0);
+    if (ulRc != 0) {
+        return Fail("cannot open pipe " + std::to_string(kRoadPipe) + ": " + Hex(ulRc));
+    }
+    m_bOpen = true;
+    if (m_pRecorder) {
+        KRM_HOST_PipeSetTap(kRoadPipe, &Endpoint::Tap, this);
+    }
+    ulRc = KRM_HOST_PipeListen(kRoadPipe, strPath.c_str());
+    return ulRc == 0 || Fail("cannot listen on " + strPath + ": " + Hex(ulRc));
+}
+
+bool Endpoint::Connect(const std::string &strPath) {
+    std::uint32_t ulRc = KRM_HOST_PipeOpen(kRoadPipe, 0);
+    if (ulRc != 0) {
+        return Fail("cannot open pipe " + std::to_string(kRoadPipe) + ": " + Hex(ulRc));
+    }
+    m_bOpen = true;
+    // The listener is up before the peer starts; a few tries cover a slow
+    // file system.
+    for (int i = 0; i < 50; ++i) {
+        ulRc = KRM_HOST_PipeConnect(kRoadPipe, strPath.c_str());
+        if (ulRc == 0) {
+            return true;
+        }
+        std::this_thread::sleep_for(std::chrono::milliseconds(100));
+    }
+    return Fail("cannot connect to " + strPath + ": " + Hex(ulRc));
+}
+
+bool Endpoint::SayHello() {
+    MBUF_S *pstHello = MBUF_CreateByCopyBuffer(0, sizeof(kHello), kHello, 0, kToolModule);
+    if (pstHello == nullptr) {
+        return Fail("no memory for the hello packet");
+    }
+    const std::uint32_t ulRc = Send(pstHello);
+    if (ulRc != 0) {
+        MBUF_Destroy(pstHello);
+        return Fail("cannot send the hello packet: " + Hex(ulRc));
+    }
+    return true;
+}
+
+bool Endpoint::AwaitHello(std::uint32_t ulTimeoutMs) {
+    MBUF_S *pstHello = Receive(ulTimeoutMs);
+    if (pstHello == nullptr) {
+        return false;
+    }
+    MBUF_Destroy(pstHello);
+    return true;
+}
+
+std::uint32_t Endpoint::Send(MBUF_S *pstMbuf) {
+    std::uint32_t ulRc = MBUF_TokenAlloc(kRoadPipe, pstMbuf, kToolModule);
+    if (ulRc != 0) {
+        return ulRc;
+    }
+    MBUF_IOVEC_S astIov[MBUF_PIPE_MAX_IOVEC];
+    return MBUF_Send(kRoadPipe, pstMbuf, astIov);
+}
+
+MBUF_S *Endpoint::Receive(std::uint32_t ulTimeoutMs) {
+    if (KRM_HOST_PipeWait(kRoadPipe, ulTimeoutMs) == 0) {
+        Fail("nothing arrived within " + std::to_string(ulTimeoutMs) + " ms");
+        return nullptr;
+    }
+    MBUF_TRANS_DESC_S astDesc[KRM_HOST_PIPE_MAX_PACKETS];
+    std::uint32_t ulCount = KRM_HOST_PIPE_MAX_PACKETS;
+    std::uint32_t ulStatus = 0;
+    std::uint32_t ulRc = KRM_PipePackageRead(kRoadPipe, &ulCount, astDesc, &ulStatus, nullptr);
+    if (ulRc != 0 || ulCount != 1 || astDesc[0].ulNum == 0) {
+        Fail("package read: " + Hex(ulRc) + ", " + std::to_string(ulCount) + " packets");
+        return nullptr;
+    }
+    const auto *ppPieces = reinterpret_cast<void *const *>(astDesc[0].pstIovec);
+    m_ucPeerOrder = static_cast<const std::uint8_t *>(ppPieces[0])[offsetof(MBUF_S, ucByteOrder)];
+    if (m_pRecorder) {
+        m_pRecorder->Record(kRoadPipe, ReaderPieces(ulCount, astDesc), Direction::kInbound);
+    }
+    MBUF_S *pstMbuf = nullptr;
+    ulRc = MBUF_RcvTrans(&pstMbuf, &astDesc[0]);
+    if (ulRc != 0) {
+        Fail("receive rebuild failed: " + Hex(ulRc));
+        return nullptr;
+    }
+    return pstMbuf;
+}
+
+void Endpoint::Close() {
+    if (m_bOpen) {
+        KRM_HOST_PipeSetTap(kRoadPipe, nullptr, nullptr);
+        (void)KRM_HOST_PipeClose(kRoadPipe);
+        m_bOpen = false;
+    }
+}
+
+void PrintProtocolLog(const Endpoint &) {}
+
+}  // namespace krm::tool

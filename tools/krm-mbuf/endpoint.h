@@ -1,0 +1,59 @@
+// One end of the road: a host pipe bound to a Unix-domain socket, the way
+// packets travel over it, and optionally a capture of both directions.
+#pragma once
+
+#include <cstdint>
+#include <memory>
+#include <string>
+
+#include "krm_mbuf/mbuf.h"
+#include "pcapng.h"
+#include "recorder.h"
+
+namespace krm::tool {
+
+inline constexpr std::uint32_t kRoadPipe = 7;
+
+class Endpoint {
+  public:
+    // strVia: "pipe" (piece lists through the pipe). pCapture may be NULL;
+    // it must outlive the endpoint.
+    Endpoint(std::string strVia, PcapngWriter *pCapture);
+    ~Endpoint();
+    Endpoint(const Endpoint &) = delete;
+    Endpoint &operator=(const Endpoint &) = delete;
+
+    bool Listen(const std::string &strPath);
+    bool Connect(const std::string &strPath);
+    // The connecting side announces itself with a small packet, so the
+    // listening side knows the link is up and which byte order the peer has.
+    bool SayHello();
+    bool AwaitHello(std::uint32_t ulTimeoutMs);
+
+    // Sends the packet; on 0 it is gone, otherwise still the caller's.
+    std::uint32_t Send(MBUF_S *pstMbuf);
+    // The next packet (the caller's to destroy), or NULL: LastError says why.
+    MBUF_S *Receive(std::uint32_t ulTimeoutMs);
+
+    void Close();
+    std::uint8_t PeerOrder() const { return m_ucPeerOrder; }
+    const std::string &LastError() const { return m_strError; }
+    const std::string &Via() const { return m_strVia; }
+
+  private:
+    static void Tap(std::uint32_t ulPipeId, std::uint32_t ulPktCount,
+                    const MBUF_TRANS_DESC_S *pstPkts, void *pArg);
+    bool Fail(const std::string &s);
+
+    std::string m_strVia;
+    std::unique_ptr<PipeRecorder> m_pRecorder;
+    std::uint8_t m_ucPeerOrder = 0;
+    std::string m_strError;
+    bool m_bOpen = false;
+};
+
+// Prints the protocol-interaction log of the session, where this build has
+// one.
+void PrintProtocolLog(const Endpoint &stEnd);
+
+}  // namespace krm::tool
