@@ -34,7 +34,9 @@ void Release(std::uint32_t ulCount, const MBUF_TRANS_DESC_S *pstDescs) {
 }
 
 int Capture(const CaptureArgs &a) {
-    const std::string strSock = a.strSocket.empty() ? "/tmp/krm-mbuf-pipe" + std::to_string(a.ulPipe) + ".sock" : a.strSocket;
+    const std::string strSock = a.strSocket.empty()
+                                    ? "/tmp/krm-mbuf-pipe" + std::to_string(a.ulPipe) + ".sock"
+                                    : a.strSocket;
     std::FILE *pOut = a.strOut == "-" ? stdout : std::fopen(a.strOut.c_str(), "wb");
     if (pOut == nullptr) {
         Complain("cannot write " + a.strOut);
@@ -43,7 +45,8 @@ int Capture(const CaptureArgs &a) {
     PcapngWriter stWriter(pOut, "krm-mbuf capture");
     PipeRecorder stRec(stWriter);
     (void)unlink(strSock.c_str());
-    if (KRM_HOST_PipeOpen(a.ulPipe, 0) != 0 || KRM_HOST_PipeListen(a.ulPipe, strSock.c_str()) != 0) {
+    if (KRM_HOST_PipeOpen(a.ulPipe, 0) != 0 ||
+        KRM_HOST_PipeListen(a.ulPipe, strSock.c_str()) != 0) {
         Complain("cannot open pipe " + std::to_string(a.ulPipe) + " on " + strSock);
         return kExitFailed;
     }
@@ -80,8 +83,9 @@ Run AddCapture(CLI::App &stApp) {
         ->required()
         ->check(CLI::Range(0u, KRM_HOST_PIPE_MAX - 1));
     pSub->add_option("--out", pArgs->strOut, "pcapng file, - for standard output")->required();
-    pSub->add_option("--socket", pArgs->strSocket,
-                     "socket the writing process connects to (default /tmp/krm-mbuf-pipe<ID>.sock)");
+    pSub->add_option(
+        "--socket", pArgs->strSocket,
+        "socket the writing process connects to (default /tmp/krm-mbuf-pipe<ID>.sock)");
     pSub->add_option("--count", pArgs->ulCount, "stop after this many packets (0: no limit)");
     pSub->add_option("--timeout", pArgs->ulTimeoutS, "stop when nothing came for this many seconds")
         ->capture_default_str();

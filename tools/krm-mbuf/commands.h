@@ -12,7 +12,7 @@ using Run = std::function<int()>;
 
 // Exit codes shared by every subcommand.
 inline constexpr int kExitOk = 0;
-inline constexpr int kExitFailed = 1;   // the work was done and something differs
+inline constexpr int kExitFailed = 1;    // the work was done and something differs
 inline constexpr int kExitBadInput = 2;  // input or arguments unusable
 
 Run AddInspect(CLI::App &stApp);

@@ -29,7 +29,9 @@ Endpoint::Endpoint(std::string strVia, PcapngWriter *pCapture) : m_strVia(std::m
     }
 }
 
-Endpoint::~Endpoint() { Close(); }
+Endpoint::~Endpoint() {
+    Close();
+}
 
 bool Endpoint::Fail(const std::string &s) {
     m_strError = s;
@@ -39,7 +41,26 @@ bool Endpoint::Fail(const std::string &s) {
 void Endpoint::Tap(std::uint32_t ulPipeId, std::uint32_t ulPktCount,
                    const MBUF_TRANS_DESC_S *pstPkts, void *pArg) {
     auto *pSelf = static_cast<Endpoint *>(pArg);
-    pSelf->m_pRecorder->Record(ulPipeId, WriterPieces(ulPktCount, pstPkts), Direction::kOutbound);
+    const std::vector<PiecePacket> vPkts = WriterPieces(ulPktCount, pstPkts);
+    if (pSelf->m_pRecorder) {
+        pSelf->m_pRecorder->Record(ulPipeId, vPkts, Direction::kOutbound);
+    }
+    if (!pSelf->m_strSaveDir.empty()) {
+        const std::string strFile =
+            pSelf->m_strSaveDir + "/package-" + std::to_string(pSelf->m_ulSaved++) + ".pkg";
+        const std::vector<std::uint8_t> v = EncodePackage(vPkts);
+        std::FILE *pOut = std::fopen(strFile.c_str(), "wb");
+        if (pOut != nullptr) {
+            (void)std::fwrite(v.data(), 1, v.size(), pOut);
+            std::fclose(pOut);
+        }
+    }
+}
+
+void Endpoint::WatchWrites() {
+    if (m_pRecorder || !m_strSaveDir.empty()) {
+        KRM_HOST_PipeSetTap(kRoadPipe, &Endpoint::Tap, this);
+    }
 }
 
 bool Endpoint::Listen(const std::string &strPath) {
@@ -49,9 +70,7 @@ bool Endpoint::Listen(const std::string &strPath) {
         return Fail("cannot open pipe " + std::to_string(kRoadPipe) + ": " + Hex(ulRc));
     }
     m_bOpen = true;
-    if (m_pRecorder) {
-        KRM_HOST_PipeSetTap(kRoadPipe, &Endpoint::Tap, this);
-    }
+    WatchWrites();
     ulRc = KRM_HOST_PipeListen(kRoadPipe, strPath.c_str());
     return ulRc == 0 || Fail("cannot listen on " + strPath + ": " + Hex(ulRc));
 }
@@ -62,6 +81,7 @@ bool Endpoint::Connect(const std::string &strPath) {
         return Fail("cannot open pipe " + std::to_string(kRoadPipe) + ": " + Hex(ulRc));
     }
     m_bOpen = true;
+    WatchWrites();
     // The listener is up before the peer starts; a few tries cover a slow
     // file system.
     for (int i = 0; i < 50; ++i) {

@@ -39,17 +39,23 @@ class Endpoint {
     std::uint8_t PeerOrder() const { return m_ucPeerOrder; }
     const std::string &LastError() const { return m_strError; }
     const std::string &Via() const { return m_strVia; }
+    // Saves every package this end writes as DIR/package-N.pkg (the pipe
+    // package form inspect reads). Call before Listen/Connect.
+    void SavePackages(const std::string &strDir) { m_strSaveDir = strDir; }
 
   private:
     static void Tap(std::uint32_t ulPipeId, std::uint32_t ulPktCount,
                     const MBUF_TRANS_DESC_S *pstPkts, void *pArg);
     bool Fail(const std::string &s);
+    void WatchWrites();
 
     std::string m_strVia;
     std::unique_ptr<PipeRecorder> m_pRecorder;
     std::uint8_t m_ucPeerOrder = 0;
     std::string m_strError;
     bool m_bOpen = false;
+    std::string m_strSaveDir;
+    std::uint32_t m_ulSaved = 0;
 };
 
 // Prints the protocol-interaction log of the session, where this build has

@@ -62,7 +62,9 @@ int Inspect(const InspectArgs &stArgs) {
 
 }  // namespace
 
-void Complain(const std::string &strWhat) { std::fprintf(stderr, "krm-mbuf: %s\n", strWhat.c_str()); }
+void Complain(const std::string &strWhat) {
+    std::fprintf(stderr, "krm-mbuf: %s\n", strWhat.c_str());
+}
 
 Run AddInspect(CLI::App &stApp) {
     auto pArgs = std::make_shared<InspectArgs>();

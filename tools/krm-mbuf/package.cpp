@@ -16,7 +16,7 @@ constexpr std::size_t kCtlArea = offsetof(MBUF_S, stCtlInfo);
 // The inline block is there when its head word carries the block mark: the
 // node piece may end with its data, before the link words that would say.
 constexpr std::size_t kCtlHeadWord = MBUF_CTL_COMM_LEN;
-constexpr std::size_t kInlineCap = 872;   // a node's data may reach this far without a buffer
+constexpr std::size_t kInlineCap = 872;  // a node's data may reach this far without a buffer
 static_assert(kNode == 936 && MBUF_CTLINFO_INLINE_LEN == 448);
 
 std::string Say(const char *pcFmt, unsigned long a, unsigned long b = 0) {
@@ -133,7 +133,8 @@ std::optional<std::string> Rebuild(const PiecePacket &vPieces, Decoded &stOut,
                    stPkt.vBlock.size(), sizeof(MBUF_CONTROL_BLK_S));
     }
     if (!stPkt.vBlock.empty() && stHead.bSwap) {
-        MBUF_TagByteOrderTrans(stPkt.vBlock.data(), static_cast<std::uint32_t>(stPkt.vBlock.size()));
+        MBUF_TagByteOrderTrans(stPkt.vBlock.data(),
+                               static_cast<std::uint32_t>(stPkt.vBlock.size()));
     }
     return std::nullopt;
 }

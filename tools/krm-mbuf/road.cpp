@@ -26,6 +26,8 @@ struct RoadArgs {
     std::string strVia = "pipe";
     std::string strCapture;
     std::string strSocket;  // peer role: where the sender listens
+    std::string strSaveDir;
+    std::uint32_t ulEmit = 0;  // peer role: only send this many packets, take none back
     std::uint32_t ulPackets = 8;
 };
 
@@ -41,7 +43,9 @@ std::string SelfExe() {
     return n > 0 ? std::string(ac, static_cast<std::size_t>(n)) : "krm-mbuf";
 }
 
-bool Exists(const std::string &s) { return access(s.c_str(), X_OK) == 0; }
+bool Exists(const std::string &s) {
+    return access(s.c_str(), X_OK) == 0;
+}
 
 // The big-endian build of this tool in the ppc preset's tree; built when
 // missing (from the project root).
@@ -180,6 +184,7 @@ int Road(const RoadArgs &a) {
         pWriter = std::make_unique<PcapngWriter>(pCap.get(), "krm-mbuf road");
     }
     Endpoint stEnd(a.strVia, pWriter.get());
+    stEnd.SavePackages(a.strSaveDir);
     if (!stEnd.Listen(strSock)) {
         Complain(stEnd.LastError());
         return kExitFailed;
@@ -222,11 +227,31 @@ int Road(const RoadArgs &a) {
     return bOk && iPeerRc == 0 && stTotals.ulSame == a.ulPackets ? kExitOk : kExitFailed;
 }
 
+// A writer for capture: sends samples and takes nothing back.
+int Emit(Endpoint &stEnd, std::uint32_t ulCount) {
+    for (std::uint32_t i = 0; i < ulCount; ++i) {
+        MBUF_S *pstPkt = MakeSample(i);
+        if (pstPkt == nullptr || stEnd.Send(pstPkt) != 0) {
+            std::fprintf(stderr, "peer: packet %u could not be sent\n", i);
+            if (pstPkt != nullptr) {
+                MBUF_Destroy(pstPkt);
+            }
+            return kExitFailed;
+        }
+    }
+    stEnd.Close();
+    return kExitOk;
+}
+
 int Peer(const RoadArgs &a) {
     Endpoint stEnd(a.strVia, nullptr);
+    stEnd.SavePackages(a.strSaveDir);
     if (!stEnd.Connect(a.strSocket) || !stEnd.SayHello()) {
         std::fprintf(stderr, "peer: %s\n", stEnd.LastError().c_str());
         return kExitFailed;
+    }
+    if (a.ulEmit != 0) {
+        return Emit(stEnd, a.ulEmit);
     }
     int iRc = kExitOk;
     for (std::uint32_t i = 0; i < a.ulPackets; ++i) {
@@ -270,16 +295,23 @@ Run AddRoad(CLI::App &stApp) {
     auto pArgs = std::make_shared<RoadArgs>();
     CLI::App *pSub = stApp.add_subcommand(
         "road", "Send packets with records and stamps to a peer process and back (the default)");
-    pSub->add_option("--peer", pArgs->strPeer, "native, or ppc: the big-endian build under qemu-ppc")
+    pSub->add_option("--peer", pArgs->strPeer,
+                     "native, or ppc: the big-endian build under qemu-ppc")
         ->check(CLI::IsMember({"native", "ppc"}))
         ->capture_default_str();
     pSub->add_option("--peer-exe", pArgs->strPeerExe, "run this krm-mbuf as the peer");
     pSub->add_option("--capture", pArgs->strCapture, "write both directions to this pcapng file");
+    pSub->add_option("--save-packages", pArgs->strSaveDir,
+                     "save every package this end sends into this directory (for inspect)")
+        ->check(CLI::ExistingDirectory);
     AddWayOptions(pSub, *pArgs);
 
     CLI::App *pPeer = stApp.add_subcommand("peer", "The far end of road (started by road)");
     pPeer->group("");
     pPeer->add_option("--socket", pArgs->strSocket, "the socket road listens on")->required();
+    pPeer->add_option("--emit", pArgs->ulEmit,
+                      "only send this many packets (a writer for capture)");
+    pPeer->add_option("--save-packages", pArgs->strSaveDir, "save every package sent here");
     AddWayOptions(pPeer, *pArgs);
     return [pArgs, pPeer] { return pPeer->parsed() ? Peer(*pArgs) : Road(*pArgs); };
 }

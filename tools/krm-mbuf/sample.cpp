@@ -17,8 +17,8 @@ void FillIpUdp(std::vector<std::uint8_t> &v, std::uint32_t ulIndex) {
         v[i] = static_cast<std::uint8_t>(i * 7 + ulIndex);
     }
     // IPv4 header: no options, UDP, 10.0.0.1 -> 10.0.0.2, checksum left 0.
-    const std::uint8_t aucIp[20] = {0x45, 0, 0, 0, 0, 0, 0x40, 0, 64, 17, 0, 0,
-                                    10,   0, 0, 1, 10, 0, 0, 2};
+    const std::uint8_t aucIp[20] = {0x45, 0, 0,  0, 0, 0, 0x40, 0, 64, 17,
+                                    0,    0, 10, 0, 0, 1, 10,   0, 0,  2};
     std::copy(aucIp, aucIp + 20, v.begin());
     StoreBe16(&v[2], static_cast<std::uint16_t>(ulLen));
     StoreBe16(&v[4], static_cast<std::uint16_t>(ulIndex));
@@ -61,8 +61,8 @@ void Stamp(MBUF_S *pstMbuf, std::uint32_t ulComp) {
 MBUF_S *MakeSample(std::uint32_t ulIndex) {
     std::vector<std::uint8_t> v(kSizes[ulIndex % (sizeof(kSizes) / sizeof(kSizes[0]))]);
     FillIpUdp(v, ulIndex);
-    MBUF_S *pstMbuf = MBUF_CreateByCopyBuffer(64, static_cast<std::uint32_t>(v.size()), v.data(),
-                                              0, kToolModule);
+    MBUF_S *pstMbuf =
+        MBUF_CreateByCopyBuffer(64, static_cast<std::uint32_t>(v.size()), v.data(), 0, kToolModule);
     if (pstMbuf == nullptr) {
         return nullptr;
     }
@@ -85,7 +85,8 @@ Snapshot Snap(MBUF_S *pstMbuf) {
     s.ulFlag3 = pstMbuf->ulFlag3;
     for (std::uint32_t t = 0; t < MBUF_CTL_TYPE_NUM; ++t) {
         const auto *puc = static_cast<const std::uint8_t *>(MBUF_GetControlInfo(pstMbuf, t));
-        const std::uint32_t ulLen = t == MBUF_CTL_COMM ? MBUF_CTL_COMM_LEN : MBUF_GetControlLen(pstMbuf, t);
+        const std::uint32_t ulLen =
+            t == MBUF_CTL_COMM ? MBUF_CTL_COMM_LEN : MBUF_GetControlLen(pstMbuf, t);
         if (puc != nullptr && t != MBUF_CTL_STACKDEBUG) {
             s.mRecords[t].assign(puc, puc + ulLen);
         }
@@ -104,7 +105,8 @@ std::string Differs(const Snapshot &stWant, const Snapshot &stGot) {
     char ac[128];
     if (stWant.vData != stGot.vData) {
         std::size_t i = 0;
-        while (i < stWant.vData.size() && i < stGot.vData.size() && stWant.vData[i] == stGot.vData[i]) {
+        while (i < stWant.vData.size() && i < stGot.vData.size() &&
+               stWant.vData[i] == stGot.vData[i]) {
             ++i;
         }
         (void)std::snprintf(ac, sizeof(ac), "data differs at byte %zu (%zu vs %zu bytes)", i,

@@ -16,13 +16,14 @@ struct CommField {
     std::uint32_t ulOff;
     std::uint32_t ulSize;
 };
-#define KRM_COMM(f) {#f, offsetof(MBUF_CTL_COMM_S, f), sizeof(MBUF_CTL_COMM_S::f)}
+#define KRM_COMM(f) \
+    { #f, offsetof(MBUF_CTL_COMM_S, f), sizeof(MBUF_CTL_COMM_S::f) }
 constexpr CommField kCommFields[] = {
-    KRM_COMM(ulFlag),         KRM_COMM(ulVrId),         KRM_COMM(ulVrfId),
-    KRM_COMM(ulRcvIfIndex),   KRM_COMM(ulRcvPhyIfIndex), KRM_COMM(ulSendIfIndex),
-    KRM_COMM(ulPathId),       KRM_COMM(ulSocketId),     KRM_COMM(usProtocolType),
-    KRM_COMM(usDirectionType), KRM_COMM(ulTimeStamp),   KRM_COMM(ulExceptionId),
-    KRM_COMM(ulPortGroupId),  KRM_COMM(usPktPriority),  KRM_COMM(ulProductProtocolType),
+    KRM_COMM(ulFlag),          KRM_COMM(ulVrId),          KRM_COMM(ulVrfId),
+    KRM_COMM(ulRcvIfIndex),    KRM_COMM(ulRcvPhyIfIndex), KRM_COMM(ulSendIfIndex),
+    KRM_COMM(ulPathId),        KRM_COMM(ulSocketId),      KRM_COMM(usProtocolType),
+    KRM_COMM(usDirectionType), KRM_COMM(ulTimeStamp),     KRM_COMM(ulExceptionId),
+    KRM_COMM(ulPortGroupId),   KRM_COMM(usPktPriority),   KRM_COMM(ulProductProtocolType),
 };
 #undef KRM_COMM
 
@@ -32,8 +33,8 @@ struct BlockHead {
 
 BlockHead HeadOf(const std::vector<std::uint8_t> &v) {
     const std::uint32_t ul = Load32At(v.data(), 84);
-    return {ul >> 24, (ul >> 16) & 0xFF, (ul >> 8) & 0xFF, ul & 0xFF, Load16At(v.data(), 88),
-            Load16At(v.data(), 90)};
+    return {ul >> 24,  (ul >> 16) & 0xFF,      (ul >> 8) & 0xFF,
+            ul & 0xFF, Load16At(v.data(), 88), Load16At(v.data(), 90)};
 }
 
 // A record present in the block, cut to the block's bytes.

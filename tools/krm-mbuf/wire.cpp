@@ -93,8 +93,8 @@ std::vector<std::uint8_t> BlockFromRecords(const std::vector<TlvRecord> &vRecs,
         ulAt += r.ulLen;
         ++ulRecs;
     }
-    const std::uint32_t ulHead =
-        (MBUF_CTL_BLK_MARK << 24) | (std::uint32_t{ucOrder} << 16) | (MBUF_CTL_TYPE_NUM << 8) | ulRecs;
+    const std::uint32_t ulHead = (MBUF_CTL_BLK_MARK << 24) | (std::uint32_t{ucOrder} << 16) |
+                                 (MBUF_CTL_TYPE_NUM << 8) | ulRecs;
     Put32(v, kHeadWordOff, ulHead, bSwap);
     Put16(v, kUsedOff, static_cast<std::uint16_t>(ulUsed), bSwap);
     Put16(v, kCapOff, static_cast<std::uint16_t>(ulUsed), bSwap);
@@ -190,8 +190,8 @@ std::optional<std::string> DecodeImage(const Reader &r, Decoded &stOut) {
                    ulFixed + ulUsed + kImageWords, r.n - ulBlk);
     }
     if (ulBlk + ulFixed + ulUsed + kImageWords < r.n) {
-        stOut.vNotes.push_back(
-            Fmt("%lu bytes after the header words", r.n - (ulBlk + ulFixed + ulUsed + kImageWords)));
+        stOut.vNotes.push_back(Fmt("%lu bytes after the header words",
+                                   r.n - (ulBlk + ulFixed + ulUsed + kImageWords)));
     }
     stOut.ucOrder = static_cast<std::uint8_t>(ulHead >> 16);
     if (stOut.ucOrder == 0) {
@@ -246,7 +246,6 @@ const char *OrderName(std::uint8_t ucOrder) {
            : ucOrder == MBUF_BYTEORDER_LITTLE ? "little-endian"
                                               : "unknown";
 }
-
 
 std::optional<std::string> Decode(const std::uint8_t *p, std::size_t n, Decoded *pstOut) {
     Decoded &stOut = *pstOut;
