@@ -33,8 +33,8 @@ extern "C" {
  * descriptors. A package with more packets stays queued and the read answers
  * KRM_HOST_PIPE_ERR_CAPACITY. Otherwise one descriptor per packet is filled
  * (ulNum pieces; pstIovec is the address of an array of `void *` piece
- * addresses, owned by the pipe and valid until its next read, close or
- * reset), *pulCount is the packet count, *pulStatus 0 and *pulAux the
+ * addresses, owned by the pipe and valid until the same thread's next read
+ * of that pipe, its close or a reset), *pulCount is the packet count, *pulStatus 0 and *pulAux the
  * packages still queued; the piece buffers are the reader's from then on and
  * one credit returns to the pipe (never above the number last set). Nothing
  * queued: *pulCount 0, *pulStatus 2, result 0.
@@ -87,6 +87,11 @@ KRM_HOST_API uint32_t KRM_HOST_PipeDepth(uint32_t ulPipeId);
 KRM_HOST_API uint32_t KRM_HOST_PipeListen(uint32_t ulPipeId, const char *pcPath);
 KRM_HOST_API uint32_t KRM_HOST_PipeConnect(uint32_t ulPipeId, const char *pcPath);
 
+/* Blocks up to ulTimeoutMs until the pipe's socket has a peer (a listener
+ * accepted one; a connected link keeps its peer until it goes away). 0, or
+ * NOT_OPENED, KRM_HOST_PIPE_ERR_SOCKET (not bound, or no peer in time). */
+KRM_HOST_API uint32_t KRM_HOST_PipeWaitPeer(uint32_t ulPipeId, uint32_t ulTimeoutMs);
+
 /* Blocks up to ulTimeoutMs until the pipe has a package to read. Returns the
  * packages queued (0: none before the time ran out, or not opened). */
 KRM_HOST_API uint32_t KRM_HOST_PipeWait(uint32_t ulPipeId, uint32_t ulTimeoutMs);
@@ -135,6 +140,7 @@ KRM_HOST_API void *KRM_HOST_MsgReceive(uint32_t ulDest, uint32_t ulTimeoutMs, ui
 /* Binds an open queue to a Unix-domain socket, as for pipes. */
 KRM_HOST_API uint32_t KRM_HOST_MsgListen(uint32_t ulDest, const char *pcPath);
 KRM_HOST_API uint32_t KRM_HOST_MsgConnect(uint32_t ulDest, const char *pcPath);
+KRM_HOST_API uint32_t KRM_HOST_MsgWaitPeer(uint32_t ulDest, uint32_t ulTimeoutMs);
 
 /* ---- packet trace --------------------------------------------------------------------- */
 

@@ -246,4 +246,20 @@ uint32_t KRM_HOST_MsgConnect(uint32_t ulDest, const char *pcPath) {
     return hp::Bind(ulDest, pcPath, false);
 }
 
+uint32_t KRM_HOST_MsgWaitPeer(uint32_t ulDest, uint32_t ulTimeoutMs) {
+    hp::MsgQueue *q = hp::QueueAt(ulDest);
+    if (q == nullptr) {
+        return KRM_HOST_PIPE_ERR_RANGE;
+    }
+    std::shared_ptr<hp::Link> link;
+    {
+        const std::lock_guard<std::mutex> lock(q->mu);
+        if (!q->open) {
+            return KRM_HOST_PIPE_ERR_NOT_OPENED;
+        }
+        link = q->link;
+    }
+    return hp::LinkWaitPeer(link.get(), ulTimeoutMs) ? 0 : KRM_HOST_PIPE_ERR_SOCKET;
+}
+
 }  // extern "C"

@@ -149,6 +149,9 @@ std::shared_ptr<Link> LinkConnect(const LinkSpec &spec, const char *path);
 // Sends one frame to the peer; false when there is none or the send failed.
 bool LinkSend(Link *link, const std::vector<unsigned char> &frame);
 
+// Waits up to ms for the link to have a peer; false when it has none.
+bool LinkWaitPeer(Link *link, std::uint32_t ms);
+
 // ---- reset hooks ----------------------------------------------------------------
 
 void ResetPipes();

@@ -14,7 +14,9 @@
 
 #include <atomic>
 #include <cerrno>
+#include <chrono>
 #include <cinttypes>
+#include <condition_variable>
 #include <cstring>
 #include <mutex>
 #include <thread>
@@ -34,6 +36,7 @@ class Link {
 
     bool Start();
     bool Send(const std::vector<unsigned char> &frame);
+    bool WaitPeer(std::uint32_t ms);
 
   private:
     void Run();
@@ -51,6 +54,8 @@ class Link {
     int wake_[2] = {-1, -1};
     std::atomic<bool> stop_{false};
     std::mutex sendMu_;
+    std::condition_variable peerChanged_;
+    bool peerGone_ = false;  // a connecting link's peer has left
     std::thread thread_;
 };
 
@@ -132,6 +137,7 @@ bool Link::AcceptPeer() {
         if (fd >= 0) {
             const std::lock_guard<std::mutex> lock(sendMu_);
             connFd_ = fd;
+            peerChanged_.notify_all();
             return true;
         }
     }
@@ -151,7 +157,14 @@ void Link::DropPeer() {
         // A connecting link keeps its descriptor until it is released, so
         // that a writer sees a failed send rather than a reused number.
         (void)::shutdown(connFd_, SHUT_RDWR);
+        peerGone_ = true;
     }
+}
+
+bool Link::WaitPeer(std::uint32_t ms) {
+    std::unique_lock<std::mutex> lock(sendMu_);
+    return peerChanged_.wait_for(lock, std::chrono::milliseconds(ms),
+                                 [this] { return connFd_ >= 0 && !peerGone_; });
 }
 
 // Bytes read before the peer closed or the link was stopped.
@@ -274,6 +287,10 @@ std::shared_ptr<Link> LinkConnect(const LinkSpec &spec, const char *path) {
     }
     auto link = std::make_shared<Link>(spec, -1, fd, std::string());
     return link->Start() ? link : nullptr;
+}
+
+bool LinkWaitPeer(Link *link, std::uint32_t ms) {
+    return link != nullptr && link->WaitPeer(ms);
 }
 
 bool LinkSend(Link *link, const std::vector<unsigned char> &frame) {

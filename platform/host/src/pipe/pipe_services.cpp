@@ -119,13 +119,14 @@ std::uint32_t ReadPackage(Pipe *p, std::uint32_t *count, MBUF_TRANS_DESC_S *desc
     if (head.packets.size() > *count) {
         return KRM_HOST_PIPE_ERR_CAPACITY;
     }
-    p->lastRead = std::move(head.packets);
+    std::vector<std::vector<void *>> &arrays = p->lastRead[std::this_thread::get_id()];
+    arrays = std::move(head.packets);
     p->queue.pop_front();
-    for (std::size_t i = 0; i < p->lastRead.size(); ++i) {
-        descs[i].ulNum = static_cast<std::uint32_t>(p->lastRead[i].size());
-        descs[i].pstIovec = reinterpret_cast<MBUF_IOVEC_S *>(p->lastRead[i].data());
+    for (std::size_t i = 0; i < arrays.size(); ++i) {
+        descs[i].ulNum = static_cast<std::uint32_t>(arrays[i].size());
+        descs[i].pstIovec = reinterpret_cast<MBUF_IOVEC_S *>(arrays[i].data());
     }
-    *count = static_cast<std::uint32_t>(p->lastRead.size());
+    *count = static_cast<std::uint32_t>(arrays.size());
     *status = 0;
     if (aux != nullptr) {
         *aux = static_cast<std::uint32_t>(p->queue.size());

@@ -198,6 +198,22 @@ uint32_t KRM_HOST_PipeConnect(uint32_t ulPipeId, const char *pcPath) {
     return krm::host::pipe::Bind(ulPipeId, pcPath, false);
 }
 
+uint32_t KRM_HOST_PipeWaitPeer(uint32_t ulPipeId, uint32_t ulTimeoutMs) {
+    Pipe *p = PipeAt(ulPipeId);
+    if (p == nullptr) {
+        return KRM_HOST_PIPE_ERR_RANGE;
+    }
+    std::shared_ptr<krm::host::pipe::Link> link;
+    {
+        const std::lock_guard<std::mutex> lock(p->mu);
+        if (!p->open) {
+            return KRM_HOST_PIPE_ERR_NOT_OPENED;
+        }
+        link = p->link;
+    }
+    return krm::host::pipe::LinkWaitPeer(link.get(), ulTimeoutMs) ? 0 : KRM_HOST_PIPE_ERR_SOCKET;
+}
+
 uint32_t KRM_HOST_PipeWait(uint32_t ulPipeId, uint32_t ulTimeoutMs) {
     Pipe *p = PipeAt(ulPipeId);
     if (p == nullptr) {

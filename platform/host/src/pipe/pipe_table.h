@@ -5,6 +5,8 @@
 #include <condition_variable>
 #include <deque>
 #include <mutex>
+#include <thread>
+#include <unordered_map>
 
 #include "pipe_internal.h"
 
@@ -22,9 +24,11 @@ struct Pipe {
     std::uint32_t tokens = 0;
     std::uint32_t tokenCeiling = 0;
     std::deque<Package> queue;
-    // The address arrays of the last package read: the reader's descriptors
-    // point into them until the next read. The buffers are the reader's.
-    std::vector<std::vector<void *>> lastRead;
+    // The address arrays of the last package each thread read: its
+    // descriptors point into them until that thread's next read of this
+    // pipe, so readers on several threads never pull each other's arrays
+    // away. The buffers are the reader's.
+    std::unordered_map<std::thread::id, std::vector<std::vector<void *>>> lastRead;
     KRM_HOST_PIPE_TAP_PF tap = nullptr;
     void *tapArg = nullptr;
     KRM_HOST_PIPE_STATS_S stats{};

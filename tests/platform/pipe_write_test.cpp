@@ -1,0 +1,382 @@
+// Writes and reads of an in-process pipe: what a reader receives for what a
+// writer gave, whose buffers are released, the order of the queue, package
+// reads, credits, and writes that must be refused without touching anything.
+#include <gtest/gtest.h>
+
+#include <functional>
+#include <string>
+
+#include "pipe_test_util.h"
+
+namespace krm::test::platform {
+namespace {
+
+class PipeWriteTest : public HostTest {
+  protected:
+    void SetUp() override {
+        HostTest::SetUp();
+        ASSERT_EQ(KRM_HOST_PipeOpen(kPipe, 4), 0u);
+    }
+};
+
+enum class Kind { kNormal, kPrio, kUrgent, kNoFree, kIntra };
+
+struct KindRow {
+    Kind kind;
+    const char *name;
+    bool takesOver;
+};
+
+constexpr KindRow kKinds[] = {
+    {Kind::kNormal, "normal", true}, {Kind::kPrio, "priority", true},
+    {Kind::kUrgent, "urgent", true}, {Kind::kNoFree, "no-free", false},
+    {Kind::kIntra, "package", true},
+};
+
+std::uint32_t Write(Kind kind, std::uint32_t pipe, WriterPacket *pkt) {
+    const auto n = static_cast<std::uint32_t>(pkt->iov.size());
+    switch (kind) {
+        case Kind::kNormal:
+            return KRM_PipeIovecWrite(pipe, n, pkt->iov.data());
+        case Kind::kPrio:
+            return KRM_PipeIovecPrioWrite(pipe, n, pkt->iov.data());
+        case Kind::kUrgent:
+            return TQM_PipeUrgentIovecWrite(pipe, n, pkt->iov.data());
+        case Kind::kNoFree:
+            return TQM_PipeIovecNoFreeWrite(pipe, n, pkt->iov.data());
+        case Kind::kIntra: {
+            MBUF_TRANS_DESC_S desc{n, pkt->iov.data()};
+            return KRM_PipeWriteIovecIntra(pipe, 1, &desc);
+        }
+    }
+    return ~0u;
+}
+
+// Node pieces cut at their data end, a whole cluster, a block, an empty
+// piece, and memory that is no pipe buffer at all.
+WriterPacket MixedPacket() {
+    WriterPacket pkt;
+    pkt.pieces = {{936, 212}, {936, 520}, {1960, 1960}, {448, 300}, {100, 0}, {0, 50, false}};
+    return pkt;
+}
+
+TEST_F(PipeWriteTest, EveryWriteHandsTheReaderFreshCopiesOfTheWritersBuffers) {
+    for (const KindRow &row : kKinds) {
+        SCOPED_TRACE(row.name);
+        WriterPacket pkt = MixedPacket();
+        pkt.Make(3);
+        ASSERT_EQ(KRM_DbufMsgCtrlFlagSet(pkt.pieces[0].addr, 0x55), 0u);
+        ASSERT_EQ(KRM_HOST_SetTraceId(pkt.pieces[1].addr, 0xABCD), 0u);
+        ASSERT_EQ(Write(row.kind, kPipe, &pkt), 0u);
+
+        const GotPackage got = ReadOne(kPipe);
+        ASSERT_EQ(got.rc, 0u);
+        EXPECT_EQ(got.status, 0u);
+        ASSERT_EQ(got.packets.size(), 1u);
+        ASSERT_EQ(got.packets[0].size(), pkt.pieces.size());
+        for (std::size_t i = 0; i < pkt.pieces.size(); ++i) {
+            const GotPiece &piece = got.packets[0][i];
+            EXPECT_NE(piece.addr, pkt.pieces[i].addr) << "piece " << i << " is a fresh buffer";
+            EXPECT_EQ(piece.bytes, pkt.pieces[i].Expected()) << "piece " << i;
+            EXPECT_EQ(pkt.pieces[i].live && KRM_DbufLengthGET(pkt.pieces[i].addr) != 0,
+                      pkt.pieces[i].live && !row.takesOver)
+                << "piece " << i << ": writer's buffer released only by a taking write";
+        }
+        KRM_HOST_BUF_INFO_S info;
+        ASSERT_EQ(KRM_HOST_BufferInfo(got.packets[0][0].addr, &info), 0u);
+        EXPECT_EQ(info.ulCtrlFlag, 0x55u) << "the priority stamp travels";
+        ASSERT_EQ(KRM_HOST_BufferInfo(got.packets[0][1].addr, &info), 0u);
+        EXPECT_EQ(info.ulTraceId, 0xABCDu) << "the trace id travels";
+        FreeGot(got);
+        pkt.Free();
+        EXPECT_EQ(KRM_HOST_ReportCount(), 0u);
+    }
+}
+
+// A refused write takes nothing over: the writer's buffers and bytes stay,
+// the queue and the live count do not move.
+TEST_F(PipeWriteTest, RefusedWritesLeaveTheWritersBuffersAlone) {
+    struct Row {
+        const char *name;
+        std::uint32_t pipe;
+        std::function<void(WriterPacket *)> spoil;
+        std::uint32_t rc;
+    };
+    const auto none = [](WriterPacket *) {};
+    const Row rows[] = {
+        {"identifier out of range", KRM_HOST_PIPE_MAX, none, KRM_HOST_PIPE_ERR_RANGE},
+        {"identifier far out of range", 0xFFFFFFFFu, none, KRM_HOST_PIPE_ERR_RANGE},
+        {"pipe not opened", kPipe + 1, none, KRM_HOST_PIPE_ERR_NOT_OPENED},
+        {"NULL piece", kPipe, [](WriterPacket *p) { p->iov[1].pBuf = nullptr; },
+         KRM_HOST_PIPE_ERR_ARGUMENT},
+        {"piece longer than its buffer", kPipe, [](WriterPacket *p) { p->iov[0].ulLen = 937; },
+         KRM_HOST_PIPE_ERR_ARGUMENT},
+        {"queue full", kPipe,
+         [](WriterPacket *) {
+             for (int i = 0; i < 4; ++i) {
+                 WriterPacket filler;
+                 filler.pieces = {{64, 64}};
+                 filler.Make(90);
+                 ASSERT_EQ(KRM_PipeIovecWrite(kPipe, 1, filler.iov.data()), 0u);
+             }
+         },
+         KRM_HOST_PIPE_ERR_FULL},
+        {"no memory for the second copy", kPipe, [](WriterPacket *) { KRM_HOST_FailNthAlloc(2); },
+         KRM_HOST_PIPE_ERR_NO_MEMORY},
+    };
+    for (const Row &row : rows) {
+        for (const KindRow &kind : kKinds) {
+            SCOPED_TRACE(std::string(row.name) + ", " + kind.name + " write");
+            WriterPacket pkt;
+            pkt.pieces = {{936, 100}, {1960, 1000}};
+            pkt.Make(5);
+            row.spoil(&pkt);
+            const std::uint32_t depth = KRM_HOST_PipeDepth(kPipe);
+            const std::uint32_t live = KRM_HOST_LiveBufferCount();
+            EXPECT_EQ(Write(kind.kind, row.pipe, &pkt), row.rc);
+            EXPECT_TRUE(pkt.pieces[0].Intact() && pkt.pieces[1].Intact());
+            EXPECT_EQ(KRM_HOST_PipeDepth(kPipe), depth);
+            EXPECT_EQ(KRM_HOST_LiveBufferCount(), live);
+            KRM_HOST_FailNthAlloc(0);
+            pkt.Free();
+            Drain(kPipe);
+        }
+    }
+    const std::vector<std::string> texts = ReportTexts();
+    ASSERT_EQ(texts.size(), std::size(kKinds)) << "one report per overlong piece";
+    EXPECT_NE(texts[0].find("claims 937 bytes of a 936-byte buffer"), std::string::npos)
+        << texts[0];
+}
+
+TEST_F(PipeWriteTest, CountsOfPiecesAndPacketsOutsideTheLimitsAreRefused) {
+    WriterPacket pkt;
+    pkt.pieces.assign(KRM_HOST_PIPE_MAX_PIECES + 1, WriterPiece{32, 32});
+    pkt.Make(1);
+    EXPECT_EQ(KRM_PipeIovecWrite(kPipe, 0, pkt.iov.data()), KRM_HOST_PIPE_ERR_ARGUMENT);
+    EXPECT_EQ(KRM_PipeIovecWrite(kPipe, KRM_HOST_PIPE_MAX_PIECES + 1, pkt.iov.data()),
+              KRM_HOST_PIPE_ERR_ARGUMENT);
+    EXPECT_EQ(KRM_PipeIovecWrite(kPipe, 1, nullptr), KRM_HOST_PIPE_ERR_ARGUMENT);
+    MBUF_TRANS_DESC_S desc{1, pkt.iov.data()};
+    EXPECT_EQ(KRM_PipeWriteIovecIntra(kPipe, 0, &desc), KRM_HOST_PIPE_ERR_ARGUMENT);
+    EXPECT_EQ(KRM_PipeWriteIovecIntra(kPipe, 1, nullptr), KRM_HOST_PIPE_ERR_ARGUMENT);
+    std::vector<MBUF_TRANS_DESC_S> many(KRM_HOST_PIPE_MAX_PACKETS + 1, desc);
+    EXPECT_EQ(KRM_PipeWriteIovecIntra(kPipe, KRM_HOST_PIPE_MAX_PACKETS + 1, many.data()),
+              KRM_HOST_PIPE_ERR_ARGUMENT);
+    EXPECT_EQ(KRM_HOST_LiveBufferCount(), pkt.pieces.size());
+    // The largest packet is accepted.
+    EXPECT_EQ(KRM_PipeIovecWrite(kPipe, KRM_HOST_PIPE_MAX_PIECES, pkt.iov.data()), 0u);
+    const GotPackage got = ReadOne(kPipe);
+    ASSERT_EQ(got.packets.size(), 1u);
+    EXPECT_EQ(got.packets[0].size(), KRM_HOST_PIPE_MAX_PIECES);
+    FreeGot(got);
+    pkt.Free();
+}
+
+// The read order of a sequence of writes, worked out by hand from the
+// rules: urgent to the head (newest first), normal to the tail, priority
+// behind every package of at least its priority but never before an urgent.
+TEST_F(PipeWriteTest, UrgentAndPriorityWritesFindTheirPlace) {
+    ASSERT_EQ(KRM_HOST_PipeClose(kPipe), 0u);
+    ASSERT_EQ(KRM_HOST_PipeOpen(kPipe, 0), 0u);
+    struct Op {
+        Kind kind;
+        std::uint32_t prio;
+    };
+    const Op ops[] = {{Kind::kNormal, 0}, {Kind::kPrio, 5},   {Kind::kPrio, 5}, {Kind::kUrgent, 0},
+                      {Kind::kPrio, 9},   {Kind::kNormal, 9}, {Kind::kPrio, 1}, {Kind::kUrgent, 3}};
+    const std::vector<std::uint32_t> expected = {7, 3, 4, 1, 2, 6, 0, 5};
+    for (std::uint32_t i = 0; i < std::size(ops); ++i) {
+        WriterPacket pkt;
+        pkt.pieces = {{16, 16}};
+        pkt.Make(i);
+        ASSERT_EQ(KRM_DbufMsgCtrlFlagSet(pkt.pieces[0].addr, ops[i].prio), 0u);
+        ASSERT_EQ(Write(ops[i].kind, kPipe, &pkt), 0u);
+    }
+    std::vector<std::uint32_t> order;
+    for (GotPackage got = ReadOne(kPipe); !got.packets.empty(); got = ReadOne(kPipe)) {
+        for (std::uint32_t i = 0; i < std::size(ops); ++i) {
+            if (got.packets[0][0].bytes[0] == PatternByte(i, 0)) {
+                order.push_back(i);
+            }
+        }
+        FreeGot(got);
+    }
+    EXPECT_EQ(order, expected);
+}
+
+TEST_F(PipeWriteTest, PackageReadDescribesEachPacketWithinTheCallersRoom) {
+    std::vector<WriterPacket> pkts(3);
+    std::vector<MBUF_TRANS_DESC_S> descs;
+    for (std::uint32_t p = 0; p < pkts.size(); ++p) {
+        pkts[p].pieces.assign(p + 1, WriterPiece{936, 100 + p});
+        pkts[p].Make(10 * p);
+        descs.push_back(MBUF_TRANS_DESC_S{p + 1, pkts[p].iov.data()});
+    }
+    ASSERT_EQ(KRM_PipeWriteIovecIntra(kPipe, 3, descs.data()), 0u);
+    EXPECT_EQ(KRM_HOST_PipeDepth(kPipe), 1u) << "three packets, one package";
+
+    GotPackage got = ReadOne(kPipe, 2);
+    EXPECT_EQ(got.rc, KRM_HOST_PIPE_ERR_CAPACITY);
+    EXPECT_EQ(KRM_HOST_PipeDepth(kPipe), 1u) << "a package that does not fit stays queued";
+
+    got = ReadOne(kPipe, 3);
+    ASSERT_EQ(got.rc, 0u);
+    EXPECT_EQ(got.status, 0u);
+    EXPECT_EQ(got.aux, 0u);
+    ASSERT_EQ(got.packets.size(), 3u);
+    for (std::uint32_t p = 0; p < 3; ++p) {
+        ASSERT_EQ(got.packets[p].size(), p + 1);
+        for (std::uint32_t i = 0; i <= p; ++i) {
+            EXPECT_EQ(got.packets[p][i].bytes, pkts[p].pieces[i].Expected());
+        }
+        EXPECT_EQ(KRM_DbufLengthGET(pkts[p].pieces[0].addr), 0u) << "writer's buffers released";
+    }
+    FreeGot(got);
+
+    const GotPackage empty = ReadOne(kPipe, 3);
+    EXPECT_EQ(empty.rc, 0u);
+    EXPECT_EQ(empty.status, 2u);
+    EXPECT_TRUE(empty.packets.empty());
+}
+
+TEST_F(PipeWriteTest, TokensAreCreditsThatReadsReturnUpToTheNumberSet) {
+    std::uint32_t one = 1;
+    EXPECT_EQ(KRM_HOST_PipeTokens(kPipe), KRM_HOST_PIPE_DEFAULT_TOKENS);
+    ASSERT_EQ(KRM_HOST_PipeSetTokens(kPipe, 2), 0u);
+    std::uint32_t three = 3;
+    EXPECT_EQ(KRM_PipeTokenAlloc(kPipe, &three), KRM_HOST_PIPE_ERR_NO_TOKEN);
+    EXPECT_EQ(KRM_PipeTokenAlloc(kPipe, &one), 0u);
+    EXPECT_EQ(KRM_PipeTokenAlloc(kPipe, &one), 0u);
+    EXPECT_EQ(KRM_PipeTokenAlloc(kPipe, &one), KRM_HOST_PIPE_ERR_NO_TOKEN);
+    EXPECT_EQ(KRM_HOST_PipeTokens(kPipe), 0u);
+    for (std::uint32_t i = 0; i < 3; ++i) {
+        WriterPacket pkt;
+        pkt.pieces = {{8, 8}};
+        pkt.Make(i);
+        ASSERT_EQ(KRM_PipeIovecWrite(kPipe, 1, pkt.iov.data()), 0u);
+    }
+    EXPECT_EQ(KRM_HOST_PipeTokens(kPipe), 0u) << "a write takes no credit";
+    FreeGot(ReadOne(kPipe));
+    EXPECT_EQ(KRM_HOST_PipeTokens(kPipe), 1u);
+    EXPECT_EQ(KRM_PipeTokenAlloc(kPipe, &one), 0u);
+    Drain(kPipe);
+    EXPECT_EQ(KRM_HOST_PipeTokens(kPipe), 2u) << "never above the number set";
+    FreeGot(ReadOne(kPipe));
+    EXPECT_EQ(KRM_HOST_PipeTokens(kPipe), 2u) << "an empty read returns nothing";
+}
+
+// Identifiers beyond the table and pipes never opened answer their own
+// codes from every service.
+TEST_F(PipeWriteTest, EveryServiceAnswersRangeAndNotOpened) {
+    MBUF_IOVEC_S iov{nullptr, 0, 0};
+    MBUF_TRANS_DESC_S desc{1, &iov};
+    const std::function<std::uint32_t(std::uint32_t)> services[] = {
+        [&](std::uint32_t id) { return KRM_PipeIovecWrite(id, 1, &iov); },
+        [&](std::uint32_t id) { return KRM_PipeIovecPrioWrite(id, 1, &iov); },
+        [&](std::uint32_t id) { return TQM_PipeUrgentIovecWrite(id, 1, &iov); },
+        [&](std::uint32_t id) { return TQM_PipeIovecNoFreeWrite(id, 1, &iov); },
+        [&](std::uint32_t id) { return KRM_PipeWriteIovecIntra(id, 1, &desc); },
+        [&](std::uint32_t id) {
+            std::uint32_t n = 1;
+            return KRM_PipeTokenAlloc(id, &n);
+        },
+        [&](std::uint32_t id) {
+            std::uint32_t n = 1, status = 0, aux = 0;
+            return KRM_PipePackageRead(id, &n, &desc, &status, &aux);
+        },
+        [&](std::uint32_t id) { return KRM_HOST_PipeClose(id); },
+        [&](std::uint32_t id) { return KRM_HOST_PipeSetTokens(id, 3); },
+        [&](std::uint32_t id) {
+            KRM_HOST_PIPE_STATS_S stats;
+            return KRM_HOST_PipeStats(id, &stats);
+        },
+    };
+    for (std::size_t s = 0; s < std::size(services); ++s) {
+        SCOPED_TRACE("service " + std::to_string(s));
+        EXPECT_EQ(services[s](KRM_HOST_PIPE_MAX), KRM_HOST_PIPE_ERR_RANGE);
+        EXPECT_EQ(services[s](0xFFFFFFFFu), KRM_HOST_PIPE_ERR_RANGE);
+        EXPECT_EQ(services[s](kPipe + 1), KRM_HOST_PIPE_ERR_NOT_OPENED);
+    }
+    EXPECT_EQ(KRM_HOST_PipeOpen(KRM_HOST_PIPE_MAX, 1), KRM_HOST_PIPE_ERR_RANGE);
+    EXPECT_EQ(KRM_HOST_PipeOpen(kPipe, 1), KRM_HOST_PIPE_ERR_BUSY);
+}
+
+struct TapLog {
+    struct Seen {
+        std::uint32_t pipe;
+        std::uint32_t packets;
+        const void *first;
+        std::uint32_t firstLen;
+        unsigned char firstByte;
+    };
+    std::vector<Seen> seen;
+
+    static void Tap(std::uint32_t pipe, std::uint32_t n, const MBUF_TRANS_DESC_S *pkts, void *arg) {
+        const MBUF_IOVEC_S &head = pkts[0].pstIovec[0];
+        static_cast<TapLog *>(arg)->seen.push_back(
+            Seen{pipe, n, head.pBuf, head.ulLen, *static_cast<const unsigned char *>(head.pBuf)});
+    }
+};
+
+TEST_F(PipeWriteTest, TapSeesTheWritersPiecesAndCountersFollowTheTraffic) {
+    TapLog log;
+    KRM_HOST_PipeSetTap(kPipe, TapLog::Tap, &log);
+    WriterPacket a;
+    a.pieces = {{936, 40}};
+    a.Make(1);
+    WriterPacket b;
+    b.pieces = {{448, 30}, {64, 64}};
+    b.Make(2);
+    MBUF_TRANS_DESC_S descs[2] = {{1, a.iov.data()}, {2, b.iov.data()}};
+    const void *aAddr = a.pieces[0].addr;
+    ASSERT_EQ(KRM_PipeWriteIovecIntra(kPipe, 2, descs), 0u);
+    WriterPacket c;
+    c.pieces = {{448, 30}, {64, 64}};
+    c.Make(3);
+    ASSERT_EQ(TQM_PipeIovecNoFreeWrite(kPipe, 2, c.iov.data()), 0u);
+    EXPECT_EQ(KRM_PipeIovecWrite(kPipe, 0, c.iov.data()), KRM_HOST_PIPE_ERR_ARGUMENT);
+
+    ASSERT_EQ(log.seen.size(), 2u) << "refused writes are not shown";
+    EXPECT_EQ(log.seen[0].pipe, kPipe);
+    EXPECT_EQ(log.seen[0].packets, 2u);
+    EXPECT_EQ(log.seen[0].first, aAddr) << "the writer's address, not the copy";
+    EXPECT_EQ(log.seen[0].firstLen, 40u);
+    EXPECT_EQ(log.seen[0].firstByte, PatternByte(1, 0)) << "shown before it is released";
+    EXPECT_EQ(log.seen[1].packets, 1u);
+
+    FreeGot(ReadOne(kPipe));
+    KRM_HOST_PIPE_STATS_S stats{};
+    ASSERT_EQ(KRM_HOST_PipeStats(kPipe, &stats), 0u);
+    EXPECT_EQ(stats.ulWritten, 2u);
+    EXPECT_EQ(stats.ulPktsWritten, 3u);
+    EXPECT_EQ(stats.ulRead, 1u);
+    EXPECT_EQ(stats.ulPktsRead, 2u);
+    EXPECT_EQ(stats.ulRefused, 0u);
+    KRM_HOST_PipeSetTap(kPipe, nullptr, nullptr);
+    Drain(kPipe);
+    c.Free();
+}
+
+TEST_F(PipeWriteTest, CloseAndResetReleaseWhatIsQueued) {
+    for (const bool byReset : {false, true}) {
+        SCOPED_TRACE(byReset ? "reset" : "close");
+        if (byReset) {
+            ASSERT_EQ(KRM_HOST_PipeOpen(kPipe, 4), 0u);
+        }
+        WriterPacket pkt;
+        pkt.pieces = {{936, 900}, {1960, 10}};
+        pkt.Make(4);
+        ASSERT_EQ(KRM_PipeIovecWrite(kPipe, 2, pkt.iov.data()), 0u);
+        EXPECT_EQ(KRM_HOST_LiveBufferCount(), 2u) << "the queued copies";
+        if (byReset) {
+            KRM_HOST_Reset();
+        } else {
+            EXPECT_EQ(KRM_HOST_PipeClose(kPipe), 0u);
+        }
+        EXPECT_EQ(KRM_HOST_LiveBufferCount(), 0u);
+        EXPECT_EQ(KRM_PipeIovecWrite(kPipe, 2, pkt.iov.data()), KRM_HOST_PIPE_ERR_NOT_OPENED);
+    }
+}
+
+}  // namespace
+}  // namespace krm::test::platform
