@@ -28,6 +28,36 @@ for preset in default asan tsan ppc; do
     failed=$((failed + bad))
     (( rc != 0 )) && status=1
 done
+# Across byte orders: the native peer and the big-endian peer under qemu-user
+# talk through one socket, each way, by pipe and by message. Every packet
+# must arrive equal; each run counts as one test.
+native=(build/default/tools/pipe-peer/krm_pipe_peer)
+bigend=(qemu-ppc -L /usr/powerpc-linux-gnu build/ppc/tools/pipe-peer/krm_pipe_peer)
+echo "=== cross byte order ==="
+for mode in pipe msg; do
+    for dir in native-to-ppc ppc-to-native; do
+        if [[ "$dir" == native-to-ppc ]]; then
+            sender=("${native[@]}"); receiver=("${bigend[@]}")
+        else
+            sender=("${bigend[@]}"); receiver=("${native[@]}")
+        fi
+        sock=$(mktemp -u /tmp/krm-peer.XXXXXX)
+        timeout 300 "${receiver[@]}" recv "$mode" "$sock" 300 &
+        rpid=$!
+        timeout 300 "${sender[@]}" send "$mode" "$sock" 300
+        src=$?
+        wait "$rpid"
+        rrc=$?
+        rm -f "$sock"
+        if (( src == 0 && rrc == 0 )); then
+            echo "cross ${mode} ${dir}: passed"
+            passed=$((passed + 1))
+        else
+            echo "cross ${mode} ${dir}: FAILED (sender ${src}, receiver ${rrc})"
+            failed=$((failed + 1))
+        fi
+    done
+done
 echo "${passed} passed, ${failed} failed"
 (( failed != 0 )) && status=1
 exit $status

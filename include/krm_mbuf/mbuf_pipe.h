@@ -137,6 +137,24 @@ MBUF_API uint32_t MBUF_RcvTransReadOnly_LinkExtData(MBUF_S *pstMbuf, MBUF_TRANS_
                                                     uint32_t *pulIndex);
 MBUF_API uint32_t MBUF_RcvTransReadOnly_VerifyOtherMbuf(MBUF_S *pstMbuf, MBUF_S *pstPrev);
 
+/* ---- the message form ------------------------------------------------------------ */
+
+/* Sends the packet as one message of the message service (class 6, type
+ * 893) to ulDest: an 8-byte header (total size as a big-endian u16, then
+ * zeros from byte 4) and the packet's serial image. The packet is destroyed
+ * in every case after the header check. 1002 for NULL or no MBUF_PKTHDR
+ * (the packet is then the caller's); 1014 no message; the serialiser's or
+ * the service's code. */
+MBUF_API uint32_t MBUF_SendMsg_fl(uint32_t ulModule, uint32_t ulDest, MBUF_S *pstMbuf,
+                                  const char *pcFileName, uint32_t ulLine);
+MBUF_API uint32_t MBUF_SendMsg(uint32_t ulModule, uint32_t ulDest, MBUF_S *pstMbuf);
+
+/* The packet of a message sent by MBUF_SendMsg_fl, rebuilt from the image
+ * behind its header; NULL for a NULL message, one shorter than its header
+ * or an image that does not read. The message stays the caller's. */
+MBUF_API MBUF_S *MBUF_RecvMsg_fl(void *pMsg, const char *pcFileName, uint32_t ulLine);
+MBUF_API MBUF_S *MBUF_RecvMsg(void *pMsg);
+
 /* ---- control-information upgrade ---- */
 
 /* Rewrites the packet's control block, written by a peer with ucSlotNum

@@ -1,0 +1,120 @@
+// Across processes: a forked peer receives packets of random shapes with
+// records through a socket-bound pipe (and as messages), compares each with
+// its own copy and answers with a digest that the sender checks.
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <string>
+#include <thread>
+
+#include "../../tools/pipe-peer/road_packets.h"
+#include "pipe_support.h"
+
+namespace krm::test {
+namespace {
+
+constexpr std::uint32_t kChannel = 3;
+
+class ProcessTest : public HostTest {};
+
+// Runs the receiver in a child and the sender here; returns the sender's
+// tally and stores the child's exit status.
+road::Tally Converse(road::Mode mode, std::uint32_t count, int *pStatus) {
+    const std::string path = "/tmp/krm-pipe-test-" + std::to_string(getpid()) +
+                             (mode == road::Mode::Msg ? "-msg" : "-pipe");
+    unlink(path.c_str());
+    const pid_t pid = fork();
+    if (pid == 0) {
+        KRM_HOST_Reset();
+        const bool bound = road::Bind(mode, kChannel, path.c_str(), true) == 0;
+        const road::Tally t = bound ? road::RunReceiver(mode, kChannel, 0, count) : road::Tally{};
+        KRM_HOST_Reset();
+        _exit(t.equal == count && t.differ == 0 ? 0 : 1);
+    }
+    road::Tally t;
+    EXPECT_EQ(road::Bind(mode, kChannel, path.c_str(), false), 0u);
+    t = road::RunSender(mode, kChannel, 0, count);
+    EXPECT_EQ(waitpid(pid, pStatus, 0), pid);
+    unlink(path.c_str());
+    KRM_HOST_Reset();
+    return t;
+}
+
+TEST_F(ProcessTest, ForkedPeerAnswersEveryPacket) {
+    const struct {
+        road::Mode mode;
+        std::uint32_t count;
+    } rows[] = {{road::Mode::Pipe, 1000}, {road::Mode::Msg, 200}};
+    for (const auto &row : rows) {
+        SCOPED_TRACE(row.mode == road::Mode::Pipe ? "pipe" : "message");
+        int status = -1;
+        const road::Tally t = Converse(row.mode, row.count, &status);
+        EXPECT_EQ(t.equal, row.count);
+        EXPECT_EQ(t.differ, 0u);
+        ASSERT_TRUE(WIFEXITED(status));
+        EXPECT_EQ(WEXITSTATUS(status), 0) << "the peer saw a packet differ";
+    }
+}
+
+// The digest tells packets apart: a changed byte, record or field shows.
+TEST_F(ProcessTest, DigestSeesEveryChange) {
+    const std::vector<std::pair<const char *, void (*)(MBUF_S *)>> changes = {
+        {"data byte", [](MBUF_S *m) { m->pucData[0] ^= 1; }},
+        {"path id", [](MBUF_S *m) { (void)MBUF_SetPathId(m, 12345); }},
+        {"flag2", [](MBUF_S *m) { (void)MBUF_SetFlag2(m, 0x80000000u); }},
+        {"record byte",
+         [](MBUF_S *m) {
+             static_cast<std::uint8_t *>(MBUF_GetControlInfo(m, road::kBlockRecord))[7] ^= 4;
+         }},
+        {"length", [](MBUF_S *m) { (void)MBUF_CutTail(m, 1); }},
+    };
+    for (const auto &[name, change] : changes) {
+        MBUF_S *a = road::MakePacket(3);
+        MBUF_S *b = road::MakePacket(3);
+        EXPECT_EQ(road::Digest(a), road::Digest(b));
+        change(b);
+        EXPECT_NE(road::Digest(a), road::Digest(b)) << name;
+        MBUF_Destroy(a);
+        MBUF_Destroy(b);
+    }
+}
+
+// Two threads of one process: a sender and a receiver on an in-process pipe,
+// each with its own packets, the receiver checking each against its own copy.
+class ThreadPipeTest : public HostTest {};
+
+TEST_F(ThreadPipeTest, SenderAndReceiverThreads) {
+    constexpr std::uint32_t kCount = 400;
+    ASSERT_EQ(KRM_HOST_PipeOpen(kChannel, 8), 0u);
+    std::uint32_t sent = 0;
+    std::thread sender([&] {
+        for (std::uint32_t i = 0; i < kCount; ++i) {
+            MBUF_S *m = road::MakePacket(i);
+            // A full queue refuses and leaves the packet: try again.
+            MBUF_IOVEC_S v[MBUF_PIPE_MAX_IOVEC];
+            std::uint32_t rc = 0;
+            while ((rc = MBUF_Send(kChannel, m, v)) == KRM_HOST_PIPE_ERR_FULL) {
+                std::this_thread::yield();
+            }
+            sent += rc == 0 ? 1 : 0;
+        }
+    });
+    road::Tally t;
+    for (std::uint32_t i = 0; i < kCount; ++i) {
+        MBUF_S *got = road::ReceivePacket(road::Mode::Pipe, kChannel);
+        if (got == nullptr) {
+            break;
+        }
+        MBUF_S *mine = road::MakePacket(i);
+        (road::Digest(got) == road::Digest(mine) ? t.equal : t.differ)++;
+        MBUF_Destroy(got);
+        MBUF_Destroy(mine);
+    }
+    sender.join();
+    EXPECT_EQ(sent, kCount);
+    EXPECT_EQ(t.equal, kCount);
+    EXPECT_EQ(t.differ, 0u);
+}
+
+}  // namespace
+}  // namespace krm::test

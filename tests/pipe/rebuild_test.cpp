@@ -1,0 +1,396 @@
+// The rebuild walk on its own: the Part's edge cases, the refusals where the
+// sender's words would lead outside the pieces, control blocks of older and
+// newer layouts, and seeded corruption of carried pieces (run under the
+// sanitizers: nothing may be touched outside the pieces).
+#include <cstring>
+#include <functional>
+#include <random>
+
+#include "fault_sweep.h"
+#include "krm_mbuf/platform.h"
+#include "mbuf_check.h"
+#include "pipe_support.h"
+
+namespace krm::test {
+namespace {
+
+constexpr std::uint32_t kMax = MBUF_PIPE_MAX_IOVEC;
+const std::vector<RecordRow> kBlockRecords = {{3, 24}, {5, 120}, {9, 200}, {14, 40}, {19, 12}};
+
+// A packet described in the data-end layout and carried to fresh buffers.
+struct Carried {
+    Snapshot sent;
+    std::vector<void *> pieces;
+
+    MBUF_S *Node(std::size_t i) const { return static_cast<MBUF_S *>(pieces[i]); }
+    MBUF_TRANS_DESC_S Desc() { return RecvDesc(pieces, pieces.size()); }
+};
+
+Carried CarryPacket(const std::vector<NodeRow> &rows, const std::vector<RecordRow> &records,
+                    std::uint32_t seed = 1) {
+    MBUF_S *m = BuildChain(rows, seed);
+    Decorate(m, records, seed);
+    Carried c{Snap(m), {}};
+    MBUF_IOVEC_S v[kMax];
+    MBUF_TRANS_DESC_S desc{0, v};
+    MBUF_UpdateMbufListByteOrderType(m);
+    EXPECT_EQ(MBUF_SendTrans2_fl(m, &desc, "rebuild_test", 1), MBUF_OK);
+    c.pieces = Carry(v, desc.ulNum);
+    return c;
+}
+
+using RecvFn = std::function<std::uint32_t(MBUF_S **, MBUF_TRANS_DESC_S *)>;
+const std::vector<std::pair<const char *, RecvFn>> kReceives = {
+    {"normal", [](MBUF_S **pp, MBUF_TRANS_DESC_S *d) { return MBUF_RcvTrans(pp, d); }},
+    {"read-only", [](MBUF_S **pp, MBUF_TRANS_DESC_S *d) { return MBUF_RcvTransReadOnly(pp, d); }},
+};
+
+class RebuildTest : public HostTest {
+  protected:
+    void TearDown() override {
+        ReleaseAllLive();
+        HostTest::TearDown();
+    }
+};
+
+// Faults both receives answer alike: the change to the carried pieces, the
+// code, and the report (file, line, text) when the refusal bounds the walk.
+struct FaultRow {
+    const char *name;
+    std::vector<NodeRow> rows;
+    std::function<void(Carried &)> spoil;
+    std::uint32_t rc;
+    std::vector<Report> reports;
+};
+
+TEST_F(RebuildTest, RefusalsOfBothReceives) {
+    const std::vector<FaultRow> rows = {
+        {"bad magic", {InlineNode(50)}, [](Carried &c) { c.Node(0)->ucMagic = 0xBB; }, 1002, {}},
+        {"no header bit",
+         {InlineNode(50)},
+         [](Carried &c) { c.Node(0)->ulFlag &= ~MBUF_PKTHDR; },
+         1002,
+         {}},
+        {"head not a whole node",
+         {InlineNode(50)},
+         [](Carried &c) {
+             const MBUF_FILE_LINE_S fl{"t", 1};
+             void *p = MBUF_MemAlloc_fl(600, kTestModule, &fl);
+             std::memcpy(p, c.pieces[0], 600);
+             c.pieces[0] = p;
+         },
+         1002,
+         {AssertReport("krm_mbuf_trans", 371, "Mbuf Recv: head not in a node buffer")}},
+        {"no pieces",
+         {InlineNode(50)},
+         [](Carried &c) { c.pieces.clear(); },
+         1002,
+         {AssertReport("krm_mbuf_trans", 361, "Mbuf Recv: no head piece")}},
+        {"ext piece null", {ClusterNode(500)}, [](Carried &c) { c.pieces[1] = nullptr; }, 1010, {}},
+        {"ext piece past count",
+         {ClusterNode(500)},
+         [](Carried &c) { c.pieces.resize(1); },
+         1010,
+         {AssertReport("krm_mbuf_trans", 447, "Mbuf Recv: no ext piece 1 of 1")}},
+        {"ext data past its piece",
+         {ClusterNode(500, 10)},
+         [](Carried &c) { c.Node(0)->ulDataLen = 1951; },
+         1010,
+         {AssertReport("krm_mbuf_trans", 458, "Mbuf Recv: ext data 10+1951 out of 1960")}},
+        {"ext offset wrapping",
+         {ClusterNode(500)},
+         [](Carried &c) { c.Node(0)->ulRsv2 = 0xFFFFFF00u; },
+         1010,
+         {AssertReport("krm_mbuf_trans", 458, "Mbuf Recv: ext data 4294967040+500 out of 1960")}},
+        {"further node null",
+         {InlineNode(5), InlineNode(6)},
+         [](Carried &c) { c.pieces[1] = nullptr; },
+         1000,
+         {}},
+        {"further node short",
+         {InlineNode(5), InlineNode(6)},
+         [](Carried &c) {
+             const MBUF_FILE_LINE_S fl{"t", 1};
+             c.pieces[1] = MBUF_MemAlloc_fl(100, kTestModule, &fl);
+         },
+         1000,
+         {AssertReport("krm_mbuf_trans", 478, "Mbuf Recv: node not in a node buffer")}},
+        {"node linked twice",
+         {InlineNode(5), InlineNode(6), InlineNode(7)},
+         [](Carried &c) { c.pieces[2] = c.pieces[1]; },
+         1000,
+         {AssertReport("krm_mbuf_trans", 517, "Mbuf Recv: node 2 linked twice")}},
+        {"head linked again",
+         {InlineNode(5), InlineNode(6)},
+         [](Carried &c) { c.pieces[1] = c.pieces[0]; },
+         1000,
+         {AssertReport("krm_mbuf_trans", 517, "Mbuf Recv: node 1 linked twice")}},
+        {"block flag without a block",
+         {InlineNode(5)},
+         [](Carried &c) {
+             c.Node(0)->ulFlag |= MBUF_FLAG_CTLINFO_SENT;
+             c.pieces.push_back(nullptr);
+         },
+         1000,
+         {AssertReport("krm_mbuf_trans", 408, "Mbuf Recv: bad tag piece 1")}},
+    };
+    for (const auto &[recvName, receive] : kReceives) {
+        for (const FaultRow &row : rows) {
+            SCOPED_TRACE(std::string(recvName) + ": " + row.name);
+            Carried c = CarryPacket(row.rows, {});
+            row.spoil(c);
+            KRM_HOST_ReportClear();
+            MBUF_TRANS_DESC_S desc = c.Desc();
+            MBUF_S *out = nullptr;
+            EXPECT_EQ(receive(&out, &desc), row.rc);
+            EXPECT_EQ(out, nullptr);
+            EXPECT_EQ(Reports(), row.reports);
+            ReleaseAllLive();
+        }
+    }
+}
+
+// The two node marks count as this host's order; a one-piece packet is
+// re-based in place; a block flag with one piece leaves the head as it is.
+TEST_F(RebuildTest, MarksOnePieceAndLoneBlockFlag) {
+    for (const auto &[recvName, receive] : kReceives) {
+        SCOPED_TRACE(recvName);
+        for (std::uint8_t mark : {0xAA, 0xBB}) {
+            Carried c = CarryPacket({InlineNode(80, 12)}, {{3, 24}});
+            c.Node(0)->ucByteOrder = mark;
+            MBUF_TRANS_DESC_S desc = c.Desc();
+            MBUF_S *out = nullptr;
+            ASSERT_EQ(receive(&out, &desc), 0u);
+            EXPECT_EQ(Snap(out), c.sent) << "not converted";
+            EXPECT_EQ(out->pucData, out->aucHdrInlineData + 12);
+            EXPECT_EQ(out->ulRsv2, 0u);
+            EXPECT_EQ(out->ulRsv0, 0u);
+            MBUF_Destroy(out);
+        }
+        Carried c = CarryPacket({InlineNode(80, 12)}, {});
+        const std::uint32_t offset = c.Node(0)->ulRsv2;
+        c.Node(0)->ulFlag |= MBUF_FLAG_CTLINFO_SENT;
+        MBUF_TRANS_DESC_S desc = c.Desc();
+        MBUF_S *out = nullptr;
+        ASSERT_EQ(receive(&out, &desc), 0u);
+        EXPECT_EQ(out->ulRsv2, offset) << "not re-based";
+        EXPECT_EQ(out->ulFlag & MBUF_FLAG_CTLINFO_SENT, 0u);
+        ReleaseAllLive();
+    }
+}
+
+// Data placed past the inline area: the normal receive moves it to a new
+// external buffer (1008 when none can be had, nothing left behind); the
+// read-only receive refuses with its report, for the head and further nodes.
+TEST_F(RebuildTest, DataBeyondTheInlineArea) {
+    auto spoil = [](Carried &c, std::size_t node) {
+        MBUF_S *n = c.Node(node);
+        c.Node(0)->ulTotalDataLen += 400 - n->ulDataLen;
+        n->ulRsv2 = 520;
+        n->ulDataLen = 400;
+        for (std::uint32_t i = 0; i < 400; ++i) {
+            reinterpret_cast<std::uint8_t *>(n)[520 + i] = static_cast<std::uint8_t>(i * 7);
+        }
+    };
+    Bytes moved(400);
+    for (std::uint32_t i = 0; i < 400; ++i) {
+        moved[i] = static_cast<std::uint8_t>(i * 7);
+    }
+    const struct {
+        std::size_t node;
+        std::uint32_t line;
+        const char *text;
+    } rows[] = {{0, 387, "Mbuf Recv: mBufTop need alloc ext buf"},
+                {1, 492, "Mbuf Recv: need alloc ext buf"}};
+    for (const auto &row : rows) {
+        SCOPED_TRACE(row.node);
+        Carried ro = CarryPacket({InlineNode(30), InlineNode(40)}, {});
+        spoil(ro, row.node);
+        KRM_HOST_ReportClear();
+        MBUF_TRANS_DESC_S desc = ro.Desc();
+        MBUF_S *out = nullptr;
+        EXPECT_EQ(MBUF_RcvTransReadOnly(&out, &desc), MBUF_ERR_CANNOT_PROCEED);
+        EXPECT_EQ(Reports(),
+                  std::vector<Report>{AssertReport("krm_mbuf_trans", row.line, row.text)});
+        ReleaseAllLive();
+
+        Carried c;
+        MBUF_S *got = nullptr;
+        FaultSweep({[&] {
+                        c = CarryPacket({InlineNode(30), InlineNode(40)}, {});
+                        spoil(c, row.node);
+                    },
+                    [&] {
+                        MBUF_TRANS_DESC_S d = c.Desc();
+                        got = nullptr;
+                        const std::uint32_t rc = MBUF_RcvTrans(&got, &d);
+                        EXPECT_TRUE(rc == 0 || rc == MBUF_ERR_NOMEM) << rc;
+                        return rc == 0;
+                    },
+                    [&] { ReleaseAllLive(); },
+                    [&] {
+                        ExpectValid(got);
+                        std::vector<MBUF_S *> nodes{got, got->pstNext};
+                        EXPECT_NE(nodes[row.node]->ulFlag & MBUF_EXT, 0u);
+                        const std::uint8_t *p = nodes[row.node]->pucData;
+                        EXPECT_EQ(Bytes(p, p + 400), moved);
+                        MBUF_Destroy(got);
+                    }});
+    }
+}
+
+// Rewrites a carried 23-slot block into the layout of a peer with N slots:
+// the directory shrinks or grows, the records move with it, and slots the
+// peer does not have are gone.
+void Relayout(MBUF_CONTROL_BLK_S *blk, std::uint32_t n) {
+    const std::uint32_t used = blk->usUsedLen;
+    Bytes area(used);
+    std::memcpy(area.data(), reinterpret_cast<std::uint8_t *>(blk) + 184, used);
+    MBUF_CTL_SLOT_S slots[MBUF_CTL_TYPE_NUM];
+    std::memcpy(slots, blk->astSlot, sizeof(slots));
+    auto *base = reinterpret_cast<std::uint8_t *>(blk);
+    std::memset(base + 92, 0, 4 * n);
+    std::uint8_t recs = 0;
+    for (std::uint32_t i = 0; i < std::min<std::uint32_t>(n, MBUF_CTL_TYPE_NUM); ++i) {
+        if (slots[i].usOffset != 0) {
+            MBUF_CTL_SLOT_S s{static_cast<std::uint16_t>(slots[i].usOffset + 4 * n - 92),
+                              slots[i].usLen};
+            std::memcpy(base + 92 + 4 * i, &s, sizeof(s));
+            ++recs;
+        }
+    }
+    std::memcpy(base + 92 + 4 * n, area.data(), used);
+    blk->ucSlotNum = static_cast<std::uint8_t>(n);
+    blk->ucRecNum = recs;
+}
+
+TEST_F(RebuildTest, BlocksOfOtherSlotCounts) {
+    const struct {
+        std::uint32_t slots;
+        bool upgraded;
+    } rows[] = {{19, false}, {20, true}, {22, true}, {23, false}, {50, true}, {51, false}};
+    for (const auto &row : rows) {
+        SCOPED_TRACE(row.slots);
+        Carried c = CarryPacket({InlineNode(64)}, kBlockRecords);
+        // Room for the widest directory: the block moves to a larger piece.
+        const MBUF_FILE_LINE_S fl{"t", 1};
+        void *big = MBUF_MemAlloc_fl(2048, kTestModule, &fl);
+        std::memset(big, 0, 2048);
+        std::memcpy(big, c.pieces.back(), KRM_DbufLengthGET(c.pieces.back()));
+        ASSERT_EQ(MBUF_MemFree_fl(c.pieces.back(), &fl), 0u);
+        c.pieces.back() = big;
+        auto *blk = static_cast<MBUF_CONTROL_BLK_S *>(big);
+        if (row.slots != 23) {
+            Relayout(blk, row.slots);
+        }
+        MBUF_TRANS_DESC_S desc = c.Desc();
+        MBUF_S *out = nullptr;
+        ASSERT_EQ(MBUF_RcvTrans(&out, &desc), 0u);
+        if (row.upgraded || row.slots == 23) {
+            EXPECT_EQ(out->pstCtlInfo->ucSlotNum, MBUF_CTL_TYPE_NUM);
+            Snapshot expect = c.sent;
+            std::erase_if(expect.records, [&](const auto &r) { return r.first >= row.slots; });
+            EXPECT_EQ(Snap(out), expect);
+            ExpectValid(out);
+        } else {
+            EXPECT_EQ(out->pstCtlInfo, blk);
+            EXPECT_EQ(blk->ucSlotNum, row.slots);
+        }
+        MBUF_Destroy(out);
+        if (row.upgraded) {
+            // The read-only receive will not upgrade.
+            Carried r = CarryPacket({InlineNode(64)}, kBlockRecords);
+            static_cast<MBUF_CONTROL_BLK_S *>(r.pieces.back())->ucSlotNum =
+                static_cast<std::uint8_t>(row.slots);
+            KRM_HOST_ReportClear();
+            MBUF_TRANS_DESC_S rd = r.Desc();
+            EXPECT_EQ(MBUF_RcvTransReadOnly(&out, &rd), MBUF_ERR_CANNOT_PROCEED);
+            EXPECT_EQ(Reports(), std::vector<Report>{AssertReport("krm_mbuf_trans", 423,
+                                                                  "Mbuf Recv: tag num need issu")});
+            ReleaseAllLive();
+        }
+    }
+}
+
+// Every node of a packet that a receive accepted has its data inside the
+// buffer that holds it.
+void ExpectDataInside(MBUF_S *m) {
+    if (m->pucData == nullptr) {
+        // A lone head whose block flag took its only piece is returned as it
+        // stands, never re-based.
+        EXPECT_EQ(m->pstNext, nullptr);
+        return;
+    }
+    std::uint32_t guard = 0;
+    for (MBUF_S *n = m; n != nullptr && guard < 200; n = n->pstNext, ++guard) {
+        const std::uint8_t *base =
+            (n->ulFlag & MBUF_EXT) != 0 ? n->pucExtBuf : reinterpret_cast<std::uint8_t *>(n);
+        const std::uint32_t len = KRM_DbufLengthGET(base);
+        ASSERT_NE(len, 0u);
+        EXPECT_GE(n->pucData, base);
+        EXPECT_LE(n->pucData + n->ulDataLen, base + len);
+    }
+    EXPECT_LT(guard, 200u) << "the chain loops";
+}
+
+// Seeded corruption of the sender's words and of the piece list.
+TEST_F(RebuildTest, SeededCorruptionStaysInsideThePieces) {
+    const std::vector<std::vector<NodeRow>> shapes = {
+        {InlineNode(300, 20), ClusterNode(1500, 9), InlineNode(100), ExactNode(2500, 2400)},
+        {ClusterNode(900), InlineNode(1), InlineNode(848)},
+        {InlineNode(372)}};
+    std::mt19937 rng(20261123);
+    std::uint32_t accepted = 0;
+    for (std::uint32_t round = 0; round < 600; ++round) {
+        const bool readOnly = round % 2 == 1;
+        Carried c = CarryPacket(shapes[round % shapes.size()],
+                                round % 3 == 0 ? kBlockRecords : std::vector<RecordRow>{}, round);
+        for (std::uint32_t k = 0; k < 1 + rng() % 3; ++k) {
+            const std::size_t i = rng() % c.pieces.size();
+            auto *node = static_cast<MBUF_S *>(c.pieces[i]);
+            const bool isNode = KRM_DbufLengthGET(node) == MBUF_NODE_SIZE;
+            switch (rng() % 8) {
+                case 0:
+                    c.pieces.resize(1 + rng() % c.pieces.size());
+                    break;
+                case 1:
+                    c.pieces[i] = nullptr;
+                    break;
+                case 2:
+                    std::swap(c.pieces[i], c.pieces[rng() % c.pieces.size()]);
+                    break;
+                case 3:
+                    if (isNode) node->ulRsv2 ^= 1u << (rng() % 32);
+                    break;
+                case 4:
+                    if (isNode) node->ulDataLen ^= 1u << (rng() % 32);
+                    break;
+                case 5:
+                    if (isNode) node->ulFlag ^= 1u << (rng() % 17);
+                    break;
+                case 6:
+                    if (isNode) node->ulRsv0 = rng() % 2 ? 0 : 0xFFFFFFFFu;
+                    break;
+                case 7:
+                    if (isNode) node->ucByteOrder = static_cast<std::uint8_t>(rng() % 4);
+                    break;
+            }
+        }
+        MBUF_TRANS_DESC_S desc = c.Desc();
+        MBUF_S *out = nullptr;
+        const std::uint32_t rc =
+            readOnly ? MBUF_RcvTransReadOnly(&out, &desc) : MBUF_RcvTrans(&out, &desc);
+        EXPECT_TRUE(rc == 0 || rc == 1000 || rc == 1002 || rc == 1007 || rc == 1008 || rc == 1010)
+            << "round " << round << " rc " << rc;
+        if (rc == 0) {
+            ++accepted;
+            ExpectDataInside(out);
+        }
+        ReleaseAllLive();
+        KRM_HOST_ReportClear();
+    }
+    EXPECT_GT(accepted, 50u) << "the corruption should leave many packets acceptable";
+}
+
+}  // namespace
+}  // namespace krm::test
