@@ -9,4 +9,5 @@ extern "C" void KRM_HOST_Reset(void) {
     krm::host::ResetReports();
     krm::host::ResetClocks();
     krm::host::ResetAttemptCount();
+    KRM_HOST_ResetMutexFaults();
 }

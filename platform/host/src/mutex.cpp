@@ -2,13 +2,20 @@
 // generation, so a handle kept after its mutex was destroyed is refused
 // rather than locking whatever mutex took the slot. Slots live in chunks
 // that never move once made, so a lock is taken without the table lock.
+// Tests can make the Nth call of each operation fail; a disarmed platform
+// pays one counter increment and one relaxed load per call.
 #include <atomic>
 #include <cstdint>
 #include <memory>
 #include <mutex>
 #include <vector>
 
+#include "krm_host/host.h"
 #include "krm_mbuf/platform.h"
+
+#if defined(__SANITIZE_THREAD__)
+#include <sanitizer/tsan_interface.h>
+#endif
 
 namespace {
 
@@ -39,6 +46,28 @@ struct MutexTable {
     std::uint32_t used = 0;  // slots ever handed out
     std::vector<std::uint32_t> freeSlots;
 };
+
+// Per operation: calls since the last reset, and calls until the one that
+// is refused (0: none). The countdown is taken with a compare-exchange so
+// that exactly one call among racing threads is refused.
+struct MutexFaults {
+    std::atomic<std::uint32_t> calls[KRM_HOST_MUTEX_OP_NUM] = {};
+    std::atomic<std::uint32_t> failIn[KRM_HOST_MUTEX_OP_NUM] = {};
+};
+
+MutexFaults g_faults;
+
+bool Refused(KRM_HOST_MUTEX_OP_E op) {
+    g_faults.calls[op].fetch_add(1, std::memory_order_relaxed);
+    std::atomic<std::uint32_t> &failIn = g_faults.failIn[op];
+    std::uint32_t left = failIn.load(std::memory_order_relaxed);
+    while (left != 0) {
+        if (failIn.compare_exchange_weak(left, left - 1, std::memory_order_relaxed)) {
+            return left == 1;
+        }
+    }
+    return false;
+}
 
 // Never destroyed: mutexes may be used from destructors that run late.
 MutexTable &Table() {
@@ -74,6 +103,9 @@ Slot *Find(std::uint32_t handle) {
 extern "C" {
 
 uint32_t BEX_MutexInit(uint32_t *pulMutex) {
+    if (Refused(KRM_HOST_MUTEX_INIT)) {
+        return KRM_HOST_MUTEX_ERR_INJECTED;
+    }
     if (pulMutex == nullptr) {
         return kErrBadArgument;
     }
@@ -111,6 +143,9 @@ uint32_t BEX_MutexInit(uint32_t *pulMutex) {
 }
 
 uint32_t BEX_MutexLock(uint32_t ulMutex) {
+    if (Refused(KRM_HOST_MUTEX_LOCK)) {
+        return KRM_HOST_MUTEX_ERR_INJECTED;
+    }
     Slot *slot = Find(ulMutex);
     if (slot == nullptr) {
         return kErrUnknownHandle;
@@ -130,6 +165,9 @@ uint32_t BEX_MutexLock(uint32_t ulMutex) {
 }
 
 uint32_t BEX_MutexUnlock(uint32_t ulMutex) {
+    if (Refused(KRM_HOST_MUTEX_UNLOCK)) {
+        return KRM_HOST_MUTEX_ERR_INJECTED;
+    }
     Slot *slot = Find(ulMutex);
     if (slot == nullptr) {
         return kErrUnknownHandle;
@@ -143,6 +181,9 @@ uint32_t BEX_MutexUnlock(uint32_t ulMutex) {
 }
 
 uint32_t BEX_MutexDestroy(uint32_t ulMutex) {
+    if (Refused(KRM_HOST_MUTEX_DESTROY)) {
+        return KRM_HOST_MUTEX_ERR_INJECTED;
+    }
     try {
         MutexTable &table = Table();
         const std::lock_guard<std::mutex> lock(table.lock);
@@ -150,15 +191,44 @@ uint32_t BEX_MutexDestroy(uint32_t ulMutex) {
         if (slot == nullptr) {
             return kErrUnknownHandle;
         }
-        if (!slot->mutex.try_lock()) {
+        // try_lock by the holder itself is undefined for std::mutex.
+        if (slot->owner.load(std::memory_order_relaxed) == SelfToken() || !slot->mutex.try_lock()) {
             return kErrBusy;
         }
         slot->handle.store(0, std::memory_order_release);
         slot->mutex.unlock();
+#if defined(__SANITIZE_THREAD__)
+        // The slot's next mutex is another one: without this the sanitizer
+        // would join the lock orders of unrelated mutexes that shared it.
+        __tsan_mutex_destroy(&slot->mutex, 0);
+#endif
         table.freeSlots.push_back((ulMutex & 0xFFFFu) - 1);
         return 0;
     } catch (...) {
         return kErrBusy;
+    }
+}
+
+void KRM_HOST_FailNthMutexOp(uint32_t ulOp, uint32_t ulNth) {
+    if (ulOp < KRM_HOST_MUTEX_OP_NUM) {
+        g_faults.failIn[ulOp].store(ulNth, std::memory_order_relaxed);
+    }
+}
+
+uint32_t KRM_HOST_MutexOpCount(uint32_t ulOp) {
+    return ulOp < KRM_HOST_MUTEX_OP_NUM ? g_faults.calls[ulOp].load(std::memory_order_relaxed) : 0;
+}
+
+uint32_t KRM_HOST_LiveMutexCount(void) {
+    MutexTable &table = Table();
+    const std::lock_guard<std::mutex> lock(table.lock);
+    return table.used - static_cast<std::uint32_t>(table.freeSlots.size());
+}
+
+void KRM_HOST_ResetMutexFaults(void) {
+    for (std::uint32_t op = 0; op < KRM_HOST_MUTEX_OP_NUM; ++op) {
+        g_faults.failIn[op].store(0, std::memory_order_relaxed);
+        g_faults.calls[op].store(0, std::memory_order_relaxed);
     }
 }
 

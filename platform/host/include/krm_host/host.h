@@ -137,6 +137,37 @@ KRM_HOST_API void KRM_HOST_AdvanceTick(uint64_t ullTicks);
  * the current rate. */
 KRM_HOST_API void KRM_HOST_SetTickHz(uint32_t ulHz);
 
+/* ---- mutexes ----------------------------------------------------------------- */
+
+/* The four mutex calls of the platform, for fault injection and counting. */
+typedef enum KRM_HOST_MUTEX_OP_E {
+    KRM_HOST_MUTEX_INIT = 0,    /* BEX_MutexInit */
+    KRM_HOST_MUTEX_LOCK = 1,    /* BEX_MutexLock */
+    KRM_HOST_MUTEX_UNLOCK = 2,  /* BEX_MutexUnlock */
+    KRM_HOST_MUTEX_DESTROY = 3, /* BEX_MutexDestroy */
+    KRM_HOST_MUTEX_OP_NUM = 4
+} KRM_HOST_MUTEX_OP_E;
+
+/* What a mutex call refused by fault injection returns. */
+#define KRM_HOST_MUTEX_ERR_INJECTED 0x99u
+
+/* The ulNth call of ulOp from now (1 = the next one, by any thread) fails
+ * once with KRM_HOST_MUTEX_ERR_INJECTED and changes nothing: no mutex is
+ * created, taken, released or destroyed. 0 disarms; each operation has its
+ * own countdown; an unknown ulOp is ignored. */
+KRM_HOST_API void KRM_HOST_FailNthMutexOp(uint32_t ulOp, uint32_t ulNth);
+
+/* Calls of ulOp since the last reset, refused ones included (0 for an
+ * unknown ulOp): a sweep uses it to know how many calls an operation makes. */
+KRM_HOST_API uint32_t KRM_HOST_MutexOpCount(uint32_t ulOp);
+
+/* Mutexes created and not destroyed yet. */
+KRM_HOST_API uint32_t KRM_HOST_LiveMutexCount(void);
+
+/* Disarms every mutex fault and restarts the counts; part of KRM_HOST_Reset.
+ * Mutexes themselves are neither destroyed nor forgotten. */
+KRM_HOST_API void KRM_HOST_ResetMutexFaults(void);
+
 #ifdef __cplusplus
 }
 #endif
