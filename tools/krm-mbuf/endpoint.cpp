@@ -6,6 +6,7 @@
 #include <cstdio>
 #include <thread>
 
+#include "internal/bytes.h"
 #include "krm_host/pipe.h"
 #include "krm_mbuf/platform.h"
 #include "sample.h"
@@ -20,6 +21,18 @@ std::string Hex(std::uint32_t ul) {
 }
 
 constexpr std::uint8_t kHello[] = "hello from the peer";
+
+template <typename Fn>
+bool Retry(Fn fn, std::uint32_t &ulRc) {
+    for (int i = 0; i < 50; ++i) {
+        ulRc = fn();
+        if (ulRc == 0) {
+            return true;
+        }
+        std::this_thread::sleep_for(std::chrono::milliseconds(100));
+    }
+    return false;
+}
 
 }  // namespace
 
@@ -72,7 +85,17 @@ bool Endpoint::Listen(const std::string &strPath) {
     m_bOpen = true;
     WatchWrites();
     ulRc = KRM_HOST_PipeListen(kRoadPipe, strPath.c_str());
-    return ulRc == 0 || Fail("cannot listen on " + strPath + ": " + Hex(ulRc));
+    if (ulRc != 0) {
+        return Fail("cannot listen on " + strPath + ": " + Hex(ulRc));
+    }
+    if (m_strVia == "pipe") {
+        return true;
+    }
+    (void)unlink((strPath + ".msg").c_str());
+    ulRc = KRM_HOST_MsgOpen(kRoadQueue);
+    m_bMsgOpen = ulRc == 0;
+    ulRc = ulRc != 0 ? ulRc : KRM_HOST_MsgListen(kRoadQueue, (strPath + ".msg").c_str());
+    return ulRc == 0 || Fail("cannot listen for messages: " + Hex(ulRc));
 }
 
 bool Endpoint::Connect(const std::string &strPath) {
@@ -84,14 +107,20 @@ bool Endpoint::Connect(const std::string &strPath) {
     WatchWrites();
     // The listener is up before the peer starts; a few tries cover a slow
     // file system.
-    for (int i = 0; i < 50; ++i) {
-        ulRc = KRM_HOST_PipeConnect(kRoadPipe, strPath.c_str());
-        if (ulRc == 0) {
-            return true;
-        }
-        std::this_thread::sleep_for(std::chrono::milliseconds(100));
+    if (!Retry([&] { return KRM_HOST_PipeConnect(kRoadPipe, strPath.c_str()); }, ulRc)) {
+        return Fail("cannot connect to " + strPath + ": " + Hex(ulRc));
     }
-    return Fail("cannot connect to " + strPath + ": " + Hex(ulRc));
+    if (m_strVia == "pipe") {
+        return true;
+    }
+    ulRc = KRM_HOST_MsgOpen(kRoadQueue);
+    m_bMsgOpen = ulRc == 0;
+    const std::string strMsg = strPath + ".msg";
+    if (!m_bMsgOpen ||
+        !Retry([&] { return KRM_HOST_MsgConnect(kRoadQueue, strMsg.c_str()); }, ulRc)) {
+        return Fail("cannot connect to " + strMsg + ": " + Hex(ulRc));
+    }
+    return true;
 }
 
 bool Endpoint::SayHello() {
@@ -99,16 +128,18 @@ bool Endpoint::SayHello() {
     if (pstHello == nullptr) {
         return Fail("no memory for the hello packet");
     }
+    // The hello always takes the pipe: its nodes carry the sender's code.
+    const std::string strVia = m_strVia;
+    m_strVia = "pipe";
     const std::uint32_t ulRc = Send(pstHello);
-    if (ulRc != 0) {
-        MBUF_Destroy(pstHello);
-        return Fail("cannot send the hello packet: " + Hex(ulRc));
-    }
-    return true;
+    m_strVia = strVia;
+    m_bHelloDone = true;
+    return ulRc == 0 || Fail("cannot send the hello packet: " + Hex(ulRc));
 }
 
 bool Endpoint::AwaitHello(std::uint32_t ulTimeoutMs) {
-    MBUF_S *pstHello = Receive(ulTimeoutMs);
+    MBUF_S *pstHello = ReceivePiped(ulTimeoutMs);
+    m_bHelloDone = true;
     if (pstHello == nullptr) {
         return false;
     }
@@ -117,15 +148,74 @@ bool Endpoint::AwaitHello(std::uint32_t ulTimeoutMs) {
 }
 
 std::uint32_t Endpoint::Send(MBUF_S *pstMbuf) {
-    std::uint32_t ulRc = MBUF_TokenAlloc(kRoadPipe, pstMbuf, kToolModule);
-    if (ulRc != 0) {
+    std::uint32_t ulRc = 0;
+    if (m_strVia == "pipe") {
+        ulRc = MBUF_TokenAlloc(kRoadPipe, pstMbuf, kToolModule);
+        MBUF_IOVEC_S astIov[MBUF_PIPE_MAX_IOVEC];
+        ulRc = ulRc != 0 ? ulRc : MBUF_Send(kRoadPipe, pstMbuf, astIov);
+        if (ulRc != 0) {
+            MBUF_Destroy(pstMbuf);
+        }
         return ulRc;
     }
-    MBUF_IOVEC_S astIov[MBUF_PIPE_MAX_IOVEC];
-    return MBUF_Send(kRoadPipe, pstMbuf, astIov);
+    if (m_strVia == "message") {
+        return MBUF_SendMsg(kToolModule, kRoadQueue, pstMbuf);  // gone either way
+    }
+    return SendFlat(pstMbuf);
+}
+
+// The TLV stream or the serial image, carried as a message of its own.
+std::uint32_t Endpoint::SendFlat(MBUF_S *pstMbuf) {
+    const bool bTlv = m_strVia == "tlv";
+    std::uint32_t ulSize = bTlv ? MBUF_CalcMbuf2TlvLen(pstMbuf) : MBUF_GetAllBlockSize(pstMbuf);
+    auto *pucMsg = static_cast<std::uint8_t *>(KRM_MsgAlloc_F(kToolModule, ulSize, "krm-mbuf", 1));
+    std::uint32_t ulRc = pucMsg == nullptr ? MBUF_ERR_MSG_ALLOC : 0;
+    if (ulRc == 0) {
+        ulRc = bTlv ? MBUF_TransMbuf2Tlv(pstMbuf, pucMsg, ulSize, kToolModule)
+                    : MBUF_Serialize(pstMbuf, pucMsg);
+        // A stream says its own length; the image is exactly its size.
+        ulSize = bTlv ? Load16(pucMsg + 2) + 16u : ulSize;
+    }
+    if (ulRc == 0 && m_pRecorder) {
+        m_pRecorder->RecordBytes(kRoadQueue, pucMsg, ulSize, Direction::kOutbound);
+    }
+    if (ulRc == 0) {
+        ulRc = KRM_SEND_MSG(kRoadQueue, 6, 893, pucMsg, ulSize);
+    }
+    if (ulRc != 0 && pucMsg != nullptr) {
+        (void)TQM_MsgFree(kToolModule, pucMsg);
+    }
+    MBUF_Destroy(pstMbuf);
+    return ulRc;
+}
+
+MBUF_S *Endpoint::ReceiveMsg(std::uint32_t ulTimeoutMs) {
+    void *pMsg = KRM_HOST_MsgReceive(kRoadQueue, ulTimeoutMs, nullptr, nullptr);
+    if (pMsg == nullptr) {
+        Fail("no message within " + std::to_string(ulTimeoutMs) + " ms");
+        return nullptr;
+    }
+    auto *pucMsg = static_cast<std::uint8_t *>(pMsg);
+    const std::uint32_t ulLen = TQM_MsgLenGet(pMsg);
+    if (m_pRecorder) {
+        m_pRecorder->RecordBytes(kRoadQueue, pucMsg, ulLen, Direction::kInbound);
+    }
+    MBUF_S *pstMbuf = m_strVia == "message" ? MBUF_RecvMsg(pMsg)
+                      : m_strVia == "tlv"   ? MBUF_TransTlv2Mbuf(pucMsg, ulLen, kToolModule)
+                                            : MBUF_Deserialize(pucMsg, ulLen, kToolModule);
+    (void)TQM_MsgFree(kToolModule, pMsg);
+    if (pstMbuf == nullptr) {
+        Fail("the " + m_strVia + " message did not rebuild");
+    }
+    return pstMbuf;
 }
 
 MBUF_S *Endpoint::Receive(std::uint32_t ulTimeoutMs) {
+    return m_strVia == "pipe" || !m_bHelloDone ? ReceivePiped(ulTimeoutMs)
+                                               : ReceiveMsg(ulTimeoutMs);
+}
+
+MBUF_S *Endpoint::ReceivePiped(std::uint32_t ulTimeoutMs) {
     if (KRM_HOST_PipeWait(kRoadPipe, ulTimeoutMs) == 0) {
         Fail("nothing arrived within " + std::to_string(ulTimeoutMs) + " ms");
         return nullptr;
@@ -158,8 +248,10 @@ void Endpoint::Close() {
         (void)KRM_HOST_PipeClose(kRoadPipe);
         m_bOpen = false;
     }
+    if (m_bMsgOpen) {
+        (void)KRM_HOST_MsgClose(kRoadQueue);
+        m_bMsgOpen = false;
+    }
 }
-
-void PrintProtocolLog(const Endpoint &) {}
 
 }  // namespace krm::tool

@@ -13,10 +13,13 @@
 namespace krm::tool {
 
 inline constexpr std::uint32_t kRoadPipe = 7;
+inline constexpr std::uint32_t kRoadQueue = 8;  // message ways: a queue on PATH.msg
 
 class Endpoint {
   public:
-    // strVia: "pipe" (piece lists through the pipe). pCapture may be NULL;
+    // strVia: "pipe" (piece lists through the pipe), "message" (the message
+    // form), "tlv" or "image" (the flat forms carried as messages). The
+    // hello always takes the pipe. pCapture may be NULL;
     // it must outlive the endpoint.
     Endpoint(std::string strVia, PcapngWriter *pCapture);
     ~Endpoint();
@@ -30,7 +33,7 @@ class Endpoint {
     bool SayHello();
     bool AwaitHello(std::uint32_t ulTimeoutMs);
 
-    // Sends the packet; on 0 it is gone, otherwise still the caller's.
+    // Sends the packet and takes it over, whatever the result.
     std::uint32_t Send(MBUF_S *pstMbuf);
     // The next packet (the caller's to destroy), or NULL: LastError says why.
     MBUF_S *Receive(std::uint32_t ulTimeoutMs);
@@ -47,6 +50,9 @@ class Endpoint {
     static void Tap(std::uint32_t ulPipeId, std::uint32_t ulPktCount,
                     const MBUF_TRANS_DESC_S *pstPkts, void *pArg);
     bool Fail(const std::string &s);
+    std::uint32_t SendFlat(MBUF_S *pstMbuf);
+    MBUF_S *ReceivePiped(std::uint32_t ulTimeoutMs);
+    MBUF_S *ReceiveMsg(std::uint32_t ulTimeoutMs);
     void WatchWrites();
 
     std::string m_strVia;
@@ -54,12 +60,10 @@ class Endpoint {
     std::uint8_t m_ucPeerOrder = 0;
     std::string m_strError;
     bool m_bOpen = false;
+    bool m_bMsgOpen = false;
+    bool m_bHelloDone = false;
     std::string m_strSaveDir;
     std::uint32_t m_ulSaved = 0;
 };
-
-// Prints the protocol-interaction log of the session, where this build has
-// one.
-void PrintProtocolLog(const Endpoint &stEnd);
 
 }  // namespace krm::tool

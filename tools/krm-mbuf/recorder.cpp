@@ -37,25 +37,35 @@ std::vector<PiecePacket> ReaderPieces(std::uint32_t ulCount, const MBUF_TRANS_DE
     return v;
 }
 
-void PipeRecorder::Record(std::uint32_t ulPipeId, const std::vector<PiecePacket> &vPkts,
-                          Direction eDir) {
-    const std::string strIf = "pipe" + std::to_string(ulPipeId);
-    for (const PiecePacket &vPieces : vPkts) {
-        const std::vector<std::uint8_t> vPkg = EncodePackage({vPieces});
-        Decoded stDec;
-        if (auto oErr = Decode(vPkg.data(), vPkg.size(), &stDec)) {
-            const std::uint32_t ulIf = m_stOut.Interface(strIf, kLinkUser0);
-            m_stOut.Packet(ulIf, NowUs(), vPkg.data(), vPkg.size(), eDir, {*oErr});
-            continue;
-        }
-        const DecodedPacket &stPkt = stDec.vPackets.front();
+void PipeRecorder::Write(const std::string &strIf, const std::uint8_t *p, std::size_t n,
+                         Direction eDir) {
+    Decoded stDec;
+    if (auto oErr = Decode(p, n, &stDec)) {
+        const std::uint32_t ulIf = m_stOut.Interface(strIf, kLinkUser0);
+        m_stOut.Packet(ulIf, NowUs(), p, n, eDir, {*oErr});
+        return;
+    }
+    for (const DecodedPacket &stPkt : stDec.vPackets) {
         std::vector<std::string> vComments = PacketComments(stPkt);
-        vComments.insert(vComments.begin(),
-                         std::string("sender byte order ") + OrderName(stDec.ucOrder));
+        vComments.insert(vComments.begin(), std::string(WireKindName(stDec.eKind)) +
+                                                ", sender byte order " + OrderName(stDec.ucOrder));
         const std::uint16_t usLink = LinkTypeFor(stPkt.vData.data(), stPkt.vData.size());
         m_stOut.Packet(m_stOut.Interface(strIf, usLink), NowUs(), stPkt.vData.data(),
                        stPkt.vData.size(), eDir, vComments);
     }
+}
+
+void PipeRecorder::Record(std::uint32_t ulPipeId, const std::vector<PiecePacket> &vPkts,
+                          Direction eDir) {
+    for (const PiecePacket &vPieces : vPkts) {
+        const std::vector<std::uint8_t> vPkg = EncodePackage({vPieces});
+        Write("pipe" + std::to_string(ulPipeId), vPkg.data(), vPkg.size(), eDir);
+    }
+}
+
+void PipeRecorder::RecordBytes(std::uint32_t ulQueue, const std::uint8_t *p, std::size_t n,
+                               Direction eDir) {
+    Write("queue" + std::to_string(ulQueue), p, n, eDir);
 }
 
 }  // namespace krm::tool

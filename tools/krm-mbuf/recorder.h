@@ -27,8 +27,11 @@ class PipeRecorder {
     // Writes every packet of the package; a packet that does not decode is
     // written as its raw pieces with the reason as comment.
     void Record(std::uint32_t ulPipeId, const std::vector<PiecePacket> &vPkts, Direction eDir);
+    // One packet in a flat form (message, TLV stream, serial image).
+    void RecordBytes(std::uint32_t ulQueue, const std::uint8_t *p, std::size_t n, Direction eDir);
 
   private:
+    void Write(const std::string &strIf, const std::uint8_t *p, std::size_t n, Direction eDir);
     PcapngWriter &m_stOut;
 };
 

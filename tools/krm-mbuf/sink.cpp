@@ -7,23 +7,25 @@ namespace krm::tool {
 
 // ---- text --------------------------------------------------------------------
 
-void TextSink::Head(const char *pcKey) {
+// "key: " (or "- " inside a list); bBare leaves the space off for a head
+// that ends its line.
+void TextSink::Head(const char *pcKey, bool bBare) {
     std::fprintf(m_pOut, "%*s", static_cast<int>(2 * m_vInList.size()), "");
     if (!m_vInList.empty() && m_vInList.back()) {
-        std::fputs("- ", m_pOut);
+        std::fputs(bBare ? "-" : "- ", m_pOut);
     } else {
-        std::fprintf(m_pOut, "%s: ", pcKey);
+        std::fprintf(m_pOut, bBare ? "%s:" : "%s: ", pcKey);
     }
 }
 
 void TextSink::Open(const char *pcKey) {
-    Head(pcKey);
+    Head(pcKey, true);
     std::fputc('\n', m_pOut);
     m_vInList.push_back(false);
 }
 
 void TextSink::List(const char *pcKey) {
-    Head(pcKey);
+    Head(pcKey, true);
     std::fputc('\n', m_pOut);
     m_vInList.push_back(true);
 }
@@ -69,7 +71,10 @@ void TextSink::Bytes(const char *pcKey, const std::uint8_t *p, std::size_t n) {
 }
 
 void TextSink::Lines(const char *pcKey, const std::vector<std::string> &vLines) {
-    Head(pcKey);
+    if (vLines.empty()) {
+        return;  // nothing to say: no heading either
+    }
+    Head(pcKey, true);
     std::fputc('\n', m_pOut);
     for (const auto &s : vLines) {
         std::fprintf(m_pOut, "%*s%s\n", static_cast<int>(2 * m_vInList.size() + 2), "", s.c_str());

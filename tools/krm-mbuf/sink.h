@@ -40,7 +40,7 @@ class TextSink final : public Sink {
     void Finish() override {}
 
   private:
-    void Head(const char *pcKey);
+    void Head(const char *pcKey, bool bBare = false);
     std::FILE *m_pOut;
     std::vector<bool> m_vInList;  // per level: inside an array
 };
