@@ -12,7 +12,9 @@ if(KRM_TSHARK)
     COMMAND ${KRM_TOOL_TESTS}/road_test.sh $<TARGET_FILE:krm-mbuf> ${CMAKE_CURRENT_BINARY_DIR})
   add_test(NAME tool.capture
     COMMAND ${KRM_TOOL_TESTS}/capture_test.sh $<TARGET_FILE:krm-mbuf> ${CMAKE_CURRENT_BINARY_DIR})
-  set_tests_properties(tool.road_capture tool.capture PROPERTIES TIMEOUT 120)
+  add_test(NAME tool.tso
+    COMMAND ${KRM_TOOL_TESTS}/tso_test.sh $<TARGET_FILE:krm-mbuf> ${CMAKE_CURRENT_BINARY_DIR})
+  set_tests_properties(tool.road_capture tool.capture tool.tso PROPERTIES TIMEOUT 120)
 endif()
 # The package test builds the project a second time; it stays out of the
 # sanitizer build.

@@ -11,7 +11,11 @@ int main(int argc, char **argv) {
     CLI::App stApp{"krm-mbuf: packets of libkrm_mbuf between processes", "krm-mbuf"};
     stApp.set_version_flag("--version", std::string(g_acMbufVersion));
     std::vector<std::pair<CLI::App *, Run>> vCmds;
-    for (auto pfAdd : {AddRoad, AddInspect, AddCapture}) {
+    std::vector<Run (*)(CLI::App &)> vAdds = {AddRoad, AddInspect, AddCapture};
+#ifdef KRM_TOOL_HAVE_PCAP
+    vAdds.push_back(AddTso);
+#endif
+    for (auto pfAdd : vAdds) {
         const std::size_t ulBefore = stApp.get_subcommands({}).size();
         const Run fRun = pfAdd(stApp);
         const auto vSubs = stApp.get_subcommands({});
