@@ -12,7 +12,7 @@ sock="$dir/pipe.sock"
 "$tool" capture --pipe 9 --socket "$sock" --count 4 --timeout 20 --out "$dir/cap.pcapng" 2> "$dir/cap.err" &
 cap=$!
 sleep 0.5
-"$tool" peer --socket "$sock" --emit 3; prc=$?
+"$tool" peer --pipe 9 --socket "$sock" --emit 3; prc=$?
 wait $cap; crc=$?
 cat "$dir/cap.err"
 check "writer exits 0" '[[ $prc -eq 0 ]]'
@@ -25,7 +25,7 @@ check "inbound direction" 'tshark -r "$dir/cap.pcapng" -V 2>/dev/null | grep -q 
     tshark -r - -T fields -e udp.dstport > "$dir/stream.txt" 2>/dev/null) &
 reader=$!
 sleep 0.5
-"$tool" peer --socket "$sock" --emit 2
+"$tool" peer --pipe 9 --socket "$sock" --emit 2
 wait $reader
 check "streamed packets reach tshark" '[[ $(grep -c "^600[01]$" "$dir/stream.txt") -eq 2 ]]'
 exit $fail

@@ -1,20 +1,21 @@
 #!/usr/bin/env bash
 # inspect on the golden files: the text output equals the reviewed golden
-# output, --json is one valid JSON document, and every cut of a golden file
-# is refused with one line and exit code 2, never a crash.
+# output (OUTDIR/<input name>.txt), --json is one valid JSON document, and
+# every cut of a golden file is refused with one line and exit code 2, never
+# a crash. Usage: inspect_test.sh TOOL OUTDIR INPUT...
 set -u
 tool=$1
-golden=$2
+outdir=$2
+shift 2
 fail=0
 check() { if ! eval "$2"; then echo "FAIL: $1"; fail=1; fi; }
 tmp=$(mktemp -d)
 trap 'rm -rf "$tmp"' EXIT
 
 count=0
-for input in "$golden"/*.bin; do
-    [[ -e $input ]] || continue
+for input in "$@"; do
     count=$((count + 1))
-    want="${input%.bin}.txt"
+    want="$outdir/$(basename "$input").txt"
     "$tool" inspect "$input" > "$tmp/got.txt" 2>&1
     check "$(basename "$input") matches its golden output" 'diff -u "$want" "$tmp/got.txt"'
     "$tool" inspect --json - < "$input" > "$tmp/got.json"

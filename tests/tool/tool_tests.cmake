@@ -4,8 +4,12 @@ set(KRM_TOOL_TESTS ${PROJECT_SOURCE_DIR}/tests/tool)
 find_program(KRM_TSHARK tshark)
 
 add_test(NAME tool.cli COMMAND ${KRM_TOOL_TESTS}/cli_test.sh $<TARGET_FILE:krm-mbuf>)
+file(GLOB KRM_INSPECT_INPUTS CONFIGURE_DEPENDS
+  ${PROJECT_SOURCE_DIR}/tests/golden/*.tlv ${PROJECT_SOURCE_DIR}/tests/golden/*.img
+  ${KRM_TOOL_TESTS}/golden/*.pkg ${KRM_TOOL_TESTS}/golden/*.msg)
 add_test(NAME tool.inspect_golden
-  COMMAND ${KRM_TOOL_TESTS}/inspect_test.sh $<TARGET_FILE:krm-mbuf> ${KRM_TOOL_TESTS}/golden)
+  COMMAND ${KRM_TOOL_TESTS}/inspect_test.sh $<TARGET_FILE:krm-mbuf> ${KRM_TOOL_TESTS}/golden
+  ${KRM_INSPECT_INPUTS})
 set_tests_properties(tool.inspect_golden PROPERTIES ENVIRONMENT "TZ=UTC")
 if(KRM_TSHARK)
   add_test(NAME tool.road_capture

@@ -36,7 +36,8 @@ bool Retry(Fn fn, std::uint32_t &ulRc) {
 
 }  // namespace
 
-Endpoint::Endpoint(std::string strVia, PcapngWriter *pCapture) : m_strVia(std::move(strVia)) {
+Endpoint::Endpoint(std::string strVia, PcapngWriter *pCapture, std::uint32_t ulPipe)
+    : m_strVia(std::move(strVia)), m_ulPipe(ulPipe) {
     if (pCapture != nullptr) {
         m_pRecorder = std::make_unique<PipeRecorder>(*pCapture);
     }
@@ -72,19 +73,19 @@ void Endpoint::Tap(std::uint32_t ulPipeId, std::uint32_t ulPktCount,
 
 void Endpoint::WatchWrites() {
     if (m_pRecorder || !m_strSaveDir.empty()) {
-        KRM_HOST_PipeSetTap(kRoadPipe, &Endpoint::Tap, this);
+        KRM_HOST_PipeSetTap(m_ulPipe, &Endpoint::Tap, this);
     }
 }
 
 bool Endpoint::Listen(const std::string &strPath) {
     (void)unlink(strPath.c_str());
-    std::uint32_t ulRc = KRM_HOST_PipeOpen(kRoadPipe, 0);
+    std::uint32_t ulRc = KRM_HOST_PipeOpen(m_ulPipe, 0);
     if (ulRc != 0) {
-        return Fail("cannot open pipe " + std::to_string(kRoadPipe) + ": " + Hex(ulRc));
+        return Fail("cannot open pipe " + std::to_string(m_ulPipe) + ": " + Hex(ulRc));
     }
     m_bOpen = true;
     WatchWrites();
-    ulRc = KRM_HOST_PipeListen(kRoadPipe, strPath.c_str());
+    ulRc = KRM_HOST_PipeListen(m_ulPipe, strPath.c_str());
     if (ulRc != 0) {
         return Fail("cannot listen on " + strPath + ": " + Hex(ulRc));
     }
@@ -99,15 +100,15 @@ bool Endpoint::Listen(const std::string &strPath) {
 }
 
 bool Endpoint::Connect(const std::string &strPath) {
-    std::uint32_t ulRc = KRM_HOST_PipeOpen(kRoadPipe, 0);
+    std::uint32_t ulRc = KRM_HOST_PipeOpen(m_ulPipe, 0);
     if (ulRc != 0) {
-        return Fail("cannot open pipe " + std::to_string(kRoadPipe) + ": " + Hex(ulRc));
+        return Fail("cannot open pipe " + std::to_string(m_ulPipe) + ": " + Hex(ulRc));
     }
     m_bOpen = true;
     WatchWrites();
     // The listener is up before the peer starts; a few tries cover a slow
     // file system.
-    if (!Retry([&] { return KRM_HOST_PipeConnect(kRoadPipe, strPath.c_str()); }, ulRc)) {
+    if (!Retry([&] { return KRM_HOST_PipeConnect(m_ulPipe, strPath.c_str()); }, ulRc)) {
         return Fail("cannot connect to " + strPath + ": " + Hex(ulRc));
     }
     if (m_strVia == "pipe") {
@@ -150,9 +151,9 @@ bool Endpoint::AwaitHello(std::uint32_t ulTimeoutMs) {
 std::uint32_t Endpoint::Send(MBUF_S *pstMbuf) {
     std::uint32_t ulRc = 0;
     if (m_strVia == "pipe") {
-        ulRc = MBUF_TokenAlloc(kRoadPipe, pstMbuf, kToolModule);
+        ulRc = MBUF_TokenAlloc(m_ulPipe, pstMbuf, kToolModule);
         MBUF_IOVEC_S astIov[MBUF_PIPE_MAX_IOVEC];
-        ulRc = ulRc != 0 ? ulRc : MBUF_Send(kRoadPipe, pstMbuf, astIov);
+        ulRc = ulRc != 0 ? ulRc : MBUF_Send(m_ulPipe, pstMbuf, astIov);
         if (ulRc != 0) {
             MBUF_Destroy(pstMbuf);
         }
@@ -216,14 +217,14 @@ MBUF_S *Endpoint::Receive(std::uint32_t ulTimeoutMs) {
 }
 
 MBUF_S *Endpoint::ReceivePiped(std::uint32_t ulTimeoutMs) {
-    if (KRM_HOST_PipeWait(kRoadPipe, ulTimeoutMs) == 0) {
+    if (KRM_HOST_PipeWait(m_ulPipe, ulTimeoutMs) == 0) {
         Fail("nothing arrived within " + std::to_string(ulTimeoutMs) + " ms");
         return nullptr;
     }
     MBUF_TRANS_DESC_S astDesc[KRM_HOST_PIPE_MAX_PACKETS];
     std::uint32_t ulCount = KRM_HOST_PIPE_MAX_PACKETS;
     std::uint32_t ulStatus = 0;
-    std::uint32_t ulRc = KRM_PipePackageRead(kRoadPipe, &ulCount, astDesc, &ulStatus, nullptr);
+    std::uint32_t ulRc = KRM_PipePackageRead(m_ulPipe, &ulCount, astDesc, &ulStatus, nullptr);
     if (ulRc != 0 || ulCount != 1 || astDesc[0].ulNum == 0) {
         Fail("package read: " + Hex(ulRc) + ", " + std::to_string(ulCount) + " packets");
         return nullptr;
@@ -231,7 +232,7 @@ MBUF_S *Endpoint::ReceivePiped(std::uint32_t ulTimeoutMs) {
     const auto *ppPieces = reinterpret_cast<void *const *>(astDesc[0].pstIovec);
     m_ucPeerOrder = static_cast<const std::uint8_t *>(ppPieces[0])[offsetof(MBUF_S, ucByteOrder)];
     if (m_pRecorder) {
-        m_pRecorder->Record(kRoadPipe, ReaderPieces(ulCount, astDesc), Direction::kInbound);
+        m_pRecorder->Record(m_ulPipe, ReaderPieces(ulCount, astDesc), Direction::kInbound);
     }
     MBUF_S *pstMbuf = nullptr;
     ulRc = MBUF_RcvTrans(&pstMbuf, &astDesc[0]);
@@ -244,8 +245,8 @@ MBUF_S *Endpoint::ReceivePiped(std::uint32_t ulTimeoutMs) {
 
 void Endpoint::Close() {
     if (m_bOpen) {
-        KRM_HOST_PipeSetTap(kRoadPipe, nullptr, nullptr);
-        (void)KRM_HOST_PipeClose(kRoadPipe);
+        KRM_HOST_PipeSetTap(m_ulPipe, nullptr, nullptr);
+        (void)KRM_HOST_PipeClose(m_ulPipe);
         m_bOpen = false;
     }
     if (m_bMsgOpen) {

@@ -21,7 +21,8 @@ class Endpoint {
     // form), "tlv" or "image" (the flat forms carried as messages). The
     // hello always takes the pipe. pCapture may be NULL;
     // it must outlive the endpoint.
-    Endpoint(std::string strVia, PcapngWriter *pCapture);
+    // ulPipe: the host pipe both ends bind (frames carry it).
+    Endpoint(std::string strVia, PcapngWriter *pCapture, std::uint32_t ulPipe = kRoadPipe);
     ~Endpoint();
     Endpoint(const Endpoint &) = delete;
     Endpoint &operator=(const Endpoint &) = delete;
@@ -56,6 +57,7 @@ class Endpoint {
     void WatchWrites();
 
     std::string m_strVia;
+    std::uint32_t m_ulPipe;
     std::unique_ptr<PipeRecorder> m_pRecorder;
     std::uint8_t m_ucPeerOrder = 0;
     std::string m_strError;

@@ -27,7 +27,8 @@ struct RoadArgs {
     std::string strCapture;
     std::string strSocket;  // peer role: where the sender listens
     std::string strSaveDir;
-    std::uint32_t ulEmit = 0;  // peer role: only send this many packets, take none back
+    std::uint32_t ulPipe = kRoadPipe;  // peer role
+    std::uint32_t ulEmit = 0;          // peer role: only send this many packets, take none back
     std::uint32_t ulPackets = 8;
 };
 
@@ -296,7 +297,7 @@ int Emit(Endpoint &stEnd, std::uint32_t ulCount) {
 }
 
 int Peer(const RoadArgs &a) {
-    Endpoint stEnd(a.strVia, nullptr);
+    Endpoint stEnd(a.strVia, nullptr, a.ulPipe);
     stEnd.SavePackages(a.strSaveDir);
     if (!stEnd.Connect(a.strSocket) || !stEnd.SayHello()) {
         std::fprintf(stderr, "peer: %s\n", stEnd.LastError().c_str());
@@ -362,6 +363,7 @@ Run AddRoad(CLI::App &stApp) {
     CLI::App *pPeer = stApp.add_subcommand("peer", "The far end of road (started by road)");
     pPeer->group("");
     pPeer->add_option("--socket", pArgs->strSocket, "the socket road listens on")->required();
+    pPeer->add_option("--pipe", pArgs->ulPipe, "the pipe to bind")->check(CLI::Range(0u, 63u));
     pPeer->add_option("--emit", pArgs->ulEmit,
                       "only send this many packets (a writer for capture)");
     pPeer->add_option("--save-packages", pArgs->strSaveDir, "save every package sent here");
