@@ -133,8 +133,12 @@ std::optional<std::string> Rebuild(const PiecePacket &vPieces, Decoded &stOut,
                    stPkt.vBlock.size(), sizeof(MBUF_CONTROL_BLK_S));
     }
     if (!stPkt.vBlock.empty() && stHead.bSwap) {
+        stPkt.vWireBlock = stPkt.vBlock;
         MBUF_TagByteOrderTrans(stPkt.vBlock.data(),
                                static_cast<std::uint32_t>(stPkt.vBlock.size()));
+    }
+    if (stPkt.vWireBlock.empty()) {
+        stPkt.vWireBlock = stPkt.vBlock;
     }
     return std::nullopt;
 }

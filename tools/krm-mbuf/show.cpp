@@ -65,7 +65,9 @@ std::vector<RecordView> RecordsOf(const std::vector<std::uint8_t> &v) {
     return vRecs;
 }
 
-void ShowSubTlvs(const std::uint8_t *p, std::uint32_t ulAvail, Sink &stOut) {
+// p: the record in host order; pWire: the same bytes as written.
+void ShowSubTlvs(const std::uint8_t *p, const std::uint8_t *pWire, std::uint32_t ulAvail,
+                 Sink &stOut) {
     if (ulAvail < MBUF_CTL_TLV_REC_HEAD_LEN) {
         return;
     }
@@ -79,7 +81,7 @@ void ShowSubTlvs(const std::uint8_t *p, std::uint32_t ulAvail, Sink &stOut) {
         stOut.Num("type", Load16At(p, ulAt));
         stOut.Num("len", ulLen);
         const std::uint32_t ulHave = ulAvail - ulAt - 4;
-        stOut.Bytes("value", p + ulAt + 4, ulLen < ulHave ? ulLen : ulHave);
+        stOut.Bytes("wire value", pWire + ulAt + 4, ulLen < ulHave ? ulLen : ulHave);
         stOut.Close();
         if (ulLen + 4 > ulList || ulLen > ulHave) {
             break;
@@ -90,7 +92,10 @@ void ShowSubTlvs(const std::uint8_t *p, std::uint32_t ulAvail, Sink &stOut) {
     stOut.Close();
 }
 
-void ShowRecord(const std::vector<std::uint8_t> &v, const RecordView &r, Sink &stOut) {
+void ShowRecord(const DecodedPacket &stPkt, const RecordView &r, Sink &stOut) {
+    const std::vector<std::uint8_t> &v = stPkt.vBlock;
+    const std::uint8_t *pWire =
+        (stPkt.vWireBlock.size() == v.size() ? stPkt.vWireBlock.data() : v.data()) + r.ulOffset;
     stOut.Open("");
     stOut.Num("type", r.ulType);
     stOut.Str("name", dbg::RecordName(r.ulType));
@@ -111,9 +116,9 @@ void ShowRecord(const std::vector<std::uint8_t> &v, const RecordView &r, Sink &s
         stOut.Lines("stamps", vLines);
     } else if (r.ulType == MBUF_CTL_LINK || r.ulType == MBUF_CTL_PKTSEND ||
                r.ulType == MBUF_CTL_PACKET) {
-        ShowSubTlvs(p, r.ulAvail, stOut);
+        ShowSubTlvs(p, pWire, r.ulAvail, stOut);
     } else {
-        stOut.Bytes("bytes", p, r.ulAvail);
+        stOut.Bytes("wire bytes", pWire, r.ulAvail);
     }
     stOut.Close();
 }
@@ -131,7 +136,8 @@ void ShowComm(const std::vector<std::uint8_t> &v, Sink &stOut) {
     stOut.Close();
 }
 
-void ShowBlock(const std::vector<std::uint8_t> &v, Sink &stOut) {
+void ShowBlock(const DecodedPacket &stPkt, Sink &stOut) {
+    const std::vector<std::uint8_t> &v = stPkt.vBlock;
     if (v.empty()) {
         stOut.Str("block", "none");
         return;
@@ -151,7 +157,7 @@ void ShowBlock(const std::vector<std::uint8_t> &v, Sink &stOut) {
     ShowComm(v, stOut);
     stOut.List("records");
     for (const RecordView &r : RecordsOf(v)) {
-        ShowRecord(v, r, stOut);
+        ShowRecord(stPkt, r, stOut);
     }
     stOut.Close();
     stOut.Close();
@@ -214,7 +220,7 @@ void ShowDecoded(const Decoded &stDec, Sink &stOut) {
         ShowNodes(stPkt, stOut);
         stOut.Bytes("data", stPkt.vData.data(), stPkt.vData.size());
         ShowFlags(stPkt, stOut);
-        ShowBlock(stPkt.vBlock, stOut);
+        ShowBlock(stPkt, stOut);
         stOut.Close();
     }
     stOut.Close();

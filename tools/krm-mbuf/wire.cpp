@@ -141,6 +141,7 @@ std::optional<std::string> DecodeTlv(const Reader &r, Decoded &stOut) {
         ulAt += 4 + ulLen;
     }
     stPkt.vBlock = BlockFromRecords(vRecs, ucOrder, r.bSwap);
+    stPkt.vWireBlock = stPkt.vBlock;
     ToHostOrder(stPkt.vBlock, ucOrder);
     stOut.vPackets.push_back(std::move(stPkt));
     return std::nullopt;
@@ -198,6 +199,7 @@ std::optional<std::string> DecodeImage(const Reader &r, Decoded &stOut) {
         stOut.ucOrder = MBUF_BYTEORDER_HOST;  // a block of code 0 is taken as local
     }
     stPkt.vBlock.assign(r.p + ulBlk, r.p + ulBlk + ulFixed + ulUsed);
+    stPkt.vWireBlock = stPkt.vBlock;
     ToHostOrder(stPkt.vBlock, stOut.ucOrder);
     const std::size_t ulW = ulBlk + ulFixed + ulUsed;
     stPkt.stWords.oTotalLen = r.U32(ulW + 4);

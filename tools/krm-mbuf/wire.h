@@ -44,7 +44,10 @@ struct DecodedPacket {
     std::vector<std::uint8_t> vData;
     HeaderWords stWords;
     std::vector<std::uint8_t> vBlock;  // fixed part + record area, host order; empty: none
-    std::vector<Node> vNodes;          // pipe packages only
+    // The same block as the writer laid it out: record bytes are shown from
+    // here, so a record reads the same whichever host decodes it.
+    std::vector<std::uint8_t> vWireBlock;
+    std::vector<Node> vNodes;  // pipe packages only
 };
 
 struct Decoded {
