@@ -8,6 +8,7 @@
 #include <unistd.h>
 
 #include <chrono>
+#include <cstdlib>
 #include <functional>
 #include <numeric>
 #include <string>
@@ -49,10 +50,11 @@ bool Retry(const std::function<std::uint32_t()> &bind) {
 
 // The other process: sends back every package (whole buffers) and every
 // message (type + 1) until a one-byte package of 0xEE.
-int EchoPeer(const TempDir &dir) {
+int EchoPeer(const std::string &dirPath) {
+    const auto sock = [&](const char *name) { return dirPath + "/" + name; };
     if (KRM_HOST_PipeOpen(kNetPipe, 0) != 0 || KRM_HOST_MsgOpen(kNetDest) != 0 ||
-        !Retry([&] { return KRM_HOST_PipeConnect(kNetPipe, dir.Sock("pipe.sock").c_str()); }) ||
-        !Retry([&] { return KRM_HOST_MsgConnect(kNetDest, dir.Sock("msg.sock").c_str()); })) {
+        !Retry([&] { return KRM_HOST_PipeConnect(kNetPipe, sock("pipe.sock").c_str()); }) ||
+        !Retry([&] { return KRM_HOST_MsgConnect(kNetDest, sock("msg.sock").c_str()); })) {
         return 2;
     }
     for (int round = 0; round < 2000; ++round) {
@@ -103,13 +105,16 @@ std::uint32_t LiveFromTest() {
 
 class PipeSocketTest : public HostTest {};
 
-TEST_F(PipeSocketTest, PackagesAndMessagesMakeARoundTripThroughAnotherProcess) {
+// Packages of every shape and two messages go to a peer process started by
+// runPeer (in a forked child, given the socket directory) and must come back
+// byte for byte, in buffers of the sizes they left in.
+void RoundTrip(const std::function<int(const std::string &)> &runPeer) {
     TempDir dir;
     ASSERT_FALSE(dir.path.empty());
     const pid_t child = ::fork();
     ASSERT_GE(child, 0);
     if (child == 0) {
-        ::_exit(EchoPeer(dir));
+        ::_exit(runPeer(dir.path));
     }
     ASSERT_EQ(KRM_HOST_PipeOpen(kNetPipe, 0), 0u);
     ASSERT_EQ(KRM_HOST_PipeListen(kNetPipe, dir.Sock("pipe.sock").c_str()), 0u);
@@ -181,6 +186,34 @@ TEST_F(PipeSocketTest, PackagesAndMessagesMakeARoundTripThroughAnotherProcess) {
     EXPECT_EQ(stats.ulRefused, 0u);
 }
 
+TEST_F(PipeSocketTest, PackagesAndMessagesMakeARoundTripThroughAnotherProcess) {
+    RoundTrip(EchoPeer);
+}
+
+// The same round trip with a peer of another build, e.g. the big-endian one
+// under qemu-user: KRM_PIPE_PEER is a shell command that runs
+// ServesAsEchoPeerWhenAsked of that build; it finds the socket directory in
+// KRM_PIPE_ECHO_DIR.
+TEST_F(PipeSocketTest, RoundTripWithAPeerOfAnotherBuild) {
+    const char *peer = std::getenv("KRM_PIPE_PEER");
+    if (peer == nullptr) {
+        GTEST_SKIP() << "KRM_PIPE_PEER not set";
+    }
+    RoundTrip([peer](const std::string &dirPath) {
+        (void)::setenv("KRM_PIPE_ECHO_DIR", dirPath.c_str(), 1);
+        (void)::execl("/bin/sh", "sh", "-c", peer, static_cast<char *>(nullptr));
+        return 127;
+    });
+}
+
+TEST_F(PipeSocketTest, ServesAsEchoPeerWhenAsked) {
+    const char *dirPath = std::getenv("KRM_PIPE_ECHO_DIR");
+    if (dirPath == nullptr) {
+        GTEST_SKIP() << "KRM_PIPE_ECHO_DIR not set";
+    }
+    EXPECT_EQ(EchoPeer(dirPath), 0);
+}
+
 // A frame as the test writes it, word by word, independently of the
 // platform's own encoder.
 struct RawFrame {
@@ -191,7 +224,7 @@ struct RawFrame {
     std::uint32_t packets = ~0u;  // ~0: counts.size()
     std::uint32_t pieces = ~0u;   // ~0: recs.size()
     std::vector<std::uint32_t> counts = {1};
-    std::vector<std::array<std::uint32_t, 4>> recs = {{936, 5, 0, 0}};
+    std::vector<std::array<std::uint32_t, 5>> recs = {{936, 5, 0, 0, 0x650000}};
     std::vector<unsigned char> data = {1, 2, 3, 4, 5};
     std::size_t cut = 0;  // send only this many bytes, then close
 
@@ -202,7 +235,7 @@ struct RawFrame {
                 out.push_back(static_cast<unsigned char>(v >> s));
             }
         };
-        const std::size_t size = 32 + 4 * counts.size() + 16 * recs.size() + data.size();
+        const std::size_t size = 32 + 4 * counts.size() + 20 * recs.size() + data.size();
         for (std::uint32_t w :
              {magic, type, total != 0 ? total : static_cast<std::uint32_t>(size), id,
               packets != ~0u ? packets : static_cast<std::uint32_t>(counts.size()),
@@ -260,6 +293,9 @@ void ExpectSoundFrameArrived() {
     std::vector<unsigned char> expected(936, 0);
     std::iota(expected.begin(), expected.begin() + 5, 1);
     EXPECT_EQ(got.packets[0][0].bytes, expected);
+    KRM_HOST_BUF_INFO_S info;
+    ASSERT_EQ(KRM_HOST_BufferInfo(got.packets[0][0].addr, &info), 0u);
+    EXPECT_EQ(info.ulOwner, 0x650000u);
     FreeGot(got);
 }
 
@@ -273,13 +309,13 @@ TEST_F(PipeSocketTest, BrokenFramesAreRefusedWholeAndReported) {
     const Row rows[] = {
         {"a sound frame", [](RawFrame *) {}, nullptr, false},
         {"header cut off", [](RawFrame *f) { f->cut = 10; }, "short", false},
-        {"body cut off", [](RawFrame *f) { f->cut = 32 + 4 + 16 + 2; }, "short", false},
+        {"body cut off", [](RawFrame *f) { f->cut = 32 + 4 + 20 + 2; }, "short", false},
         {"length above the limit", [](RawFrame *f) { f->total = 64u << 20; }, "oversized", false},
         {"not a frame", [](RawFrame *f) { f->magic = 0x12345678; }, "inconsistent", false},
         {"length below a header", [](RawFrame *f) { f->total = 31; }, "inconsistent", false},
         {"piece counts do not add up",
          [](RawFrame *f) {
-             f->recs.push_back({64, 0, 0, 0});
+             f->recs.push_back({64, 0, 0, 0, 0});
          },
          "inconsistent", true},
         {"records run past the frame", [](RawFrame *f) { f->pieces = 3; }, "short", true},

@@ -140,7 +140,7 @@ TEST_F(PipeThreadTest, FramesFromASocketReachReadersOnOtherThreads) {
     // the peer writes frames of the same layout from a buffer of its own.
     std::vector<unsigned char> frame;
     for (std::uint32_t w :
-         {0x4B524D46u, 1u, 32u + 4u + 16u + 8u, kNet, 1u, 1u, 0u, 0u, 1u, 8u, 8u, 0u, 0u}) {
+         {0x4B524D46u, 1u, 32u + 4u + 20u + 8u, kNet, 1u, 1u, 0u, 0u, 1u, 8u, 8u, 0u, 0u, 0u}) {
         for (int s = 24; s >= 0; s -= 8) {
             frame.push_back(static_cast<unsigned char>(w >> s));
         }

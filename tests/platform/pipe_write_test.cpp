@@ -85,6 +85,7 @@ TEST_F(PipeWriteTest, EveryWriteHandsTheReaderFreshCopiesOfTheWritersBuffers) {
         KRM_HOST_BUF_INFO_S info;
         ASSERT_EQ(KRM_HOST_BufferInfo(got.packets[0][0].addr, &info), 0u);
         EXPECT_EQ(info.ulCtrlFlag, 0x55u) << "the priority stamp travels";
+        EXPECT_EQ(info.ulOwner, kModule) << "so does the owner (the packet's memory handle)";
         ASSERT_EQ(KRM_HOST_BufferInfo(got.packets[0][1].addr, &info), 0u);
         EXPECT_EQ(info.ulTraceId, 0xABCDu) << "the trace id travels";
         FreeGot(got);

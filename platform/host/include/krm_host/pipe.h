@@ -34,10 +34,10 @@ extern "C" {
  * KRM_HOST_PIPE_ERR_CAPACITY. Otherwise one descriptor per packet is filled
  * (ulNum pieces; pstIovec is the address of an array of `void *` piece
  * addresses, owned by the pipe and valid until the same thread's next read
- * of that pipe, its close or a reset), *pulCount is the packet count, *pulStatus 0 and *pulAux the
- * packages still queued; the piece buffers are the reader's from then on and
- * one credit returns to the pipe (never above the number last set). Nothing
- * queued: *pulCount 0, *pulStatus 2, result 0.
+ * of that pipe, its close or a reset), *pulCount is the packet count,
+ * *pulStatus 0 and *pulAux the packages still queued; the piece buffers are
+ * the reader's from then on and one credit returns to the pipe (never above
+ * the number last set). Nothing queued: *pulCount 0, *pulStatus 2, result 0.
  *
  * Writes refuse a count of 0 or above KRM_HOST_PIPE_MAX_PIECES pieces (above
  * KRM_HOST_PIPE_MAX_PACKETS packets for the package write), a NULL vector or
@@ -53,6 +53,12 @@ extern "C" {
 #define KRM_HOST_PIPE_MAX_PACKETS 256u
 #define KRM_HOST_PIPE_DEFAULT_TOKENS 1024u
 
+/* KRM_HOST_Reset closes every pipe and message queue, stops their sockets,
+ * releases every queued package and message and forgets the trace calls.
+ * Sockets are served by threads of the process that bound them: a child
+ * forked while a binding is up must not close it (nor reset); bind after the
+ * fork instead. */
+
 /* ---- in-process pipes ------------------------------------------------------------ */
 
 /* Opens pipe ulPipeId as a queue of at most ulMaxPackages packages (0: 1024)
@@ -60,12 +66,13 @@ extern "C" {
  * KRM_HOST_PIPE_ERR_BUSY (already open). */
 KRM_HOST_API uint32_t KRM_HOST_PipeOpen(uint32_t ulPipeId, uint32_t ulMaxPackages);
 
-/* Closes a pipe: drops its socket binding and releases the buffers of every
- * queued package and of the last package read but not taken. 0, RANGE or
- * NOT_OPENED. */
+/* Closes a pipe: drops its socket binding, its tap and the address arrays of
+ * past reads, and releases the buffers of every queued package (packages
+ * already read are their reader's). 0, RANGE or NOT_OPENED. */
 KRM_HOST_API uint32_t KRM_HOST_PipeClose(uint32_t ulPipeId);
 
-/* Sets the credits left to ulTokens. 0, RANGE or NOT_OPENED. */
+/* Sets the credits left to ulTokens, which is also the most that reads
+ * return credits up to. 0, RANGE or NOT_OPENED. */
 KRM_HOST_API uint32_t KRM_HOST_PipeSetTokens(uint32_t ulPipeId, uint32_t ulTokens);
 
 /* Credits left; 0 for a pipe not opened or out of range. */

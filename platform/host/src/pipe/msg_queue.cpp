@@ -93,7 +93,7 @@ std::uint32_t SendRemote(std::uint32_t id, Link *link, std::uint32_t cls, std::u
                          void *msg, std::uint32_t size, std::uint32_t bufSize) {
     SrcPackage src;
     src.pieceCounts.push_back(1);
-    src.pieces.push_back(SrcPiece{msg, size, bufSize, 0, 0, true});
+    src.pieces.push_back(SrcPiece{msg, size, bufSize, 0, 0, 0, true});
     const FrameHeader head{
         kFrameMagic, static_cast<std::uint32_t>(FrameType::kMessage), 0, id, 0, 0, cls, type};
     return LinkSend(link, EncodeFrame(head, src)) ? 0 : KRM_HOST_PIPE_ERR_SOCKET;

@@ -16,7 +16,7 @@ namespace {
 bool ReadPiece(const MBUF_IOVEC_S &iov, SrcPiece *out) {
     KRM_HOST_BUF_INFO_S info;
     const bool live = LookupLive(iov.pBuf, &info) && info.ulKind == KRM_HOST_BUF_DBUF;
-    *out = SrcPiece{iov.pBuf, iov.ulLen, iov.ulLen, 0, 0, live};
+    *out = SrcPiece{iov.pBuf, iov.ulLen, iov.ulLen, 0, 0, 0, live};
     if (!live) {
         return true;
     }
@@ -29,6 +29,7 @@ bool ReadPiece(const MBUF_IOVEC_S &iov, SrcPiece *out) {
     out->bufSize = info.ulLen;
     out->ctrlFlag = info.ulCtrlFlag;
     out->traceId = info.ulTraceId;
+    out->owner = info.ulOwner;
     return true;
 }
 
@@ -57,18 +58,17 @@ std::uint32_t ReadWriter(std::uint32_t pktCount, const MBUF_TRANS_DESC_S *pkts, 
     return 0;
 }
 
-void *FreshCopy(const void *src, std::uint32_t len, std::uint32_t bufSize, std::uint32_t ctrlFlag,
-                std::uint32_t traceId) {
-    void *p = AllocBuffer(BufKind::kDbuf, bufSize, 0, kReportFile, 201);
+void *FreshCopy(const SrcPiece &piece) {
+    void *p = AllocBuffer(BufKind::kDbuf, piece.bufSize, piece.owner, kReportFile, 201);
     if (p == nullptr) {
         return nullptr;
     }
-    std::memset(p, 0, bufSize);
-    if (len != 0) {
-        std::memcpy(p, src, len);
+    std::memset(p, 0, piece.bufSize);
+    if (piece.len != 0) {
+        std::memcpy(p, piece.src, piece.len);
     }
-    (void)SetCtrlFlag(p, BufKind::kDbuf, ctrlFlag);
-    (void)SetTraceId(p, BufKind::kDbuf, traceId);
+    (void)SetCtrlFlag(p, BufKind::kDbuf, piece.ctrlFlag);
+    (void)SetTraceId(p, BufKind::kDbuf, piece.traceId);
     return p;
 }
 
@@ -78,8 +78,7 @@ bool CopyPackage(const SrcPackage &src, Package *out) {
     for (std::size_t p = 0; p < src.pieceCounts.size(); ++p) {
         for (std::uint32_t i = 0; i < src.pieceCounts[p]; ++i, ++next) {
             const SrcPiece &piece = src.pieces[next];
-            void *copy =
-                FreshCopy(piece.src, piece.len, piece.bufSize, piece.ctrlFlag, piece.traceId);
+            void *copy = FreshCopy(piece);
             if (copy == nullptr) {
                 ReleasePackage(out);
                 return false;

@@ -25,13 +25,6 @@ std::uint32_t Get32(const unsigned char *p) {
            std::uint32_t{p[3]};
 }
 
-struct PieceRecord {
-    std::uint32_t bufSize;
-    std::uint32_t len;
-    std::uint32_t ctrlFlag;
-    std::uint32_t traceId;
-};
-
 // The counts a frame's header claims, against the limits of a write and
 // against the bytes that arrived.
 FrameFault CheckCounts(const FrameHeader &head, std::size_t bodySize, const char **why) {
@@ -81,11 +74,12 @@ FrameFault ReadPacketCounts(const FrameHeader &head, const unsigned char *p,
 // Each piece within its buffer; the bytes exactly those that follow; the
 // buffers asked for bounded in sum.
 FrameFault ReadPieceRecords(const FrameHeader &head, const unsigned char *p, std::size_t dataSize,
-                            std::vector<PieceRecord> *recs, const char **why) {
+                            std::vector<SrcPiece> *recs, const char **why) {
     std::uint64_t bytes = 0;
     std::uint64_t room = 0;
     for (std::uint32_t i = 0; i < head.pieces; ++i, p += kPieceRecordSize) {
-        const PieceRecord r{Get32(p), Get32(p + 4), Get32(p + 8), Get32(p + 12)};
+        const SrcPiece r{nullptr,       Get32(p + 4),  Get32(p), Get32(p + 8),
+                         Get32(p + 12), Get32(p + 16), false};
         if (r.len > r.bufSize) {
             *why = "a piece longer than its buffer";
             return FrameFault::kInconsistent;
@@ -141,6 +135,7 @@ std::vector<unsigned char> EncodeFrame(const FrameHeader &head, const SrcPackage
         Put32(&out, piece.len);
         Put32(&out, piece.ctrlFlag);
         Put32(&out, piece.traceId);
+        Put32(&out, piece.owner);
     }
     for (const SrcPiece &piece : src.pieces) {
         const auto *b = static_cast<const unsigned char *>(piece.src);
@@ -158,7 +153,7 @@ FrameFault DecodeBody(const FrameHeader &head, const std::vector<unsigned char> 
                       const char **why) {
     FrameFault fault = CheckCounts(head, body.size(), why);
     std::vector<std::uint32_t> counts;
-    std::vector<PieceRecord> recs;
+    std::vector<SrcPiece> recs;
     const std::size_t meta =
         std::size_t{4} * head.packets + std::size_t{kPieceRecordSize} * head.pieces;
     if (fault == FrameFault::kOk) {
@@ -176,8 +171,8 @@ FrameFault DecodeBody(const FrameHeader &head, const std::vector<unsigned char> 
     std::size_t r = 0;
     for (std::size_t p = 0; p < counts.size(); ++p) {
         for (std::uint32_t i = 0; i < counts[p]; ++i, ++r) {
-            void *copy =
-                FreshCopy(data, recs[r].len, recs[r].bufSize, recs[r].ctrlFlag, recs[r].traceId);
+            recs[r].src = data;
+            void *copy = FreshCopy(recs[r]);
             if (copy == nullptr) {
                 ReleasePackage(pkg);
                 *why = "no memory for its buffers";

@@ -27,13 +27,14 @@ enum class WriteKind : std::uint32_t {
 
 // One piece as a writer handed it over, with what the hidden header of the
 // buffer it starts says. A piece that starts no live buffer is its own
-// buffer: bufSize is its length, flag and trace id are 0.
+// buffer: bufSize is its length, flag, trace id and owner are 0.
 struct SrcPiece {
     const void *src;
     std::uint32_t len;
     std::uint32_t bufSize;
     std::uint32_t ctrlFlag;
     std::uint32_t traceId;
+    std::uint32_t owner;  // the allocating module: the packet's memory handle
     bool live;
 };
 
@@ -58,10 +59,10 @@ struct Package {
 inline constexpr std::uint32_t kMaxPackets = KRM_HOST_PIPE_MAX_PACKETS;
 std::uint32_t ReadWriter(std::uint32_t pktCount, const MBUF_TRANS_DESC_S *pkts, SrcPackage *out);
 
-// One fresh pipe buffer of bufSize bytes holding len bytes of src, the rest
-// zero, with the given flag and trace id; nullptr when none could be had.
-void *FreshCopy(const void *src, std::uint32_t len, std::uint32_t bufSize, std::uint32_t ctrlFlag,
-                std::uint32_t traceId);
+// One fresh pipe buffer of piece.bufSize bytes holding the piece's len
+// bytes, the rest zero, with its flag, trace id and owner; nullptr when none
+// could be had.
+void *FreshCopy(const SrcPiece &piece);
 
 // Fresh copies of every piece of a validated write; all or nothing.
 bool CopyPackage(const SrcPackage &src, Package *out);
@@ -82,9 +83,9 @@ enum class FrameType : std::uint32_t {
 // Every frame starts with this header, eight big-endian words.
 inline constexpr std::uint32_t kFrameMagic = 0x4B524D46u;
 inline constexpr std::uint32_t kFrameHeaderSize = 32;
-// Per packet one word (its piece count), per piece four (buffer size,
-// length, control flag, trace id).
-inline constexpr std::uint32_t kPieceRecordSize = 16;
+// Per packet one word (its piece count), per piece five (buffer size,
+// length, control flag, trace id, owner).
+inline constexpr std::uint32_t kPieceRecordSize = 20;
 // No frame, and no sum of the buffers one frame asks for, may exceed this.
 inline constexpr std::uint32_t kMaxFrame = 16u * 1024u * 1024u;
 
