@@ -42,7 +42,8 @@ inline constexpr const char *kReaderName = "MBUF_TransTlv2Mbuf_fl";
 // Where the writer stands in the caller's buffer.
 struct Out {
     std::uint8_t *buf;
-    std::uint32_t len;
+    std::uint32_t len;     // bytes that may be written
+    std::uint32_t bufLen;  // the caller's length, as reports show it
     const char *file;
     std::uint32_t line;
 
@@ -57,15 +58,14 @@ void Put16(const Out &out, std::uint32_t off, std::uint16_t v) {
     }
 }
 
-void CopyData(MBUF_S *pstMbuf, const Out &out, std::uint32_t ulDataLen) {
-    const std::uint8_t *pucData = MBUF_GetData(pstMbuf);
+void CopyData(const std::uint8_t *pucData, const Out &out, std::uint32_t ulDataLen) {
     const std::int64_t llRoom = std::int64_t{out.len} - kHeadLen;
     const int iRet = llRoom < 0 ? -1
                                 : memcpy_s(out.buf + kHeadLen, static_cast<std::size_t>(llRoom),
                                            pucData, ulDataLen);
     if (iRet != 0) {
         Report(kModKrmMbuf, 2322, "Input buflen %u err from %s:%u when encap type %u len %u.",
-               out.len, out.file, out.line, 0u, ulDataLen);
+               out.bufLen, out.file, out.line, 0u, ulDataLen);
     }
 }
 
@@ -100,7 +100,7 @@ std::uint32_t WriteRecords(MBUF_S *pstMbuf, const Out &out, std::uint32_t ulPos)
         llRemaining -= kTlvHeadLen + std::int64_t{ulLen};
         if (llRemaining < 0) {
             Report(kModKrmMbuf, 2338, "Input buflen %u err from %s:%u when encap type %u len %u.",
-                   out.len, out.file, out.line, ulType, ulLen);
+                   out.bufLen, out.file, out.line, ulType, ulLen);
             break;
         }
         Store16At(out.buf, ulPos, static_cast<std::uint16_t>(ulType));
@@ -250,7 +250,7 @@ MBUF_API uint32_t MBUF_TransMbuf2Tlv_fl(MBUF_S *pstMbuf, uint8_t *pucBuf, uint32
     // A signed length below 1 is taken as it is reported: the buffer holds
     // nothing, and nothing is written into it.
     const uint32_t ulRoom = static_cast<int32_t>(ulBufLen) < 1 ? 0u : ulBufLen;
-    const krm::Out out{pucBuf, ulRoom, pcFileName, ulLine};
+    const krm::Out out{pucBuf, ulRoom, ulBufLen, pcFileName, ulLine};
     if (out.Holds(0, krm::kFilledHeadLen)) {
         MBUF_TransMbuf2Tlv_fl_FillHead(pucBuf, pstMbuf);
     }
@@ -260,18 +260,19 @@ MBUF_API uint32_t MBUF_TransMbuf2Tlv_fl(MBUF_S *pstMbuf, uint8_t *pucBuf, uint32
     }
     krm::Put16(out, krm::kDataTypeOff, MBUF_TLV_DATA_TYPE);
     krm::Put16(out, krm::kDataLenOff, usDataLen);
-    if (MBUF_MakeMemoryContinuous_fl(pstMbuf, 0, usDataLen, ulModuleId, krm::kWriterName, 2318) ==
-        nullptr) {
+    const uint8_t *pucData =
+        MBUF_MakeMemoryContinuous_fl(pstMbuf, 0, usDataLen, ulModuleId, krm::kWriterName, 2318);
+    if (pucData == nullptr) {
         return MBUF_ERR_NOMEM;
     }
-    krm::CopyData(pstMbuf, out, usDataLen);
+    krm::CopyData(pucData, out, usDataLen);
     uint32_t ulEnd = krm::kHeadLen + usDataLen;
     if (out.Holds(0, ulEnd) && pstMbuf->pstCtlInfo != nullptr) {
         ulEnd = krm::WriteRecords(pstMbuf, out, ulEnd);
     } else if (pstMbuf->pstCtlInfo != nullptr) {
         krm::Report(krm::kModKrmMbuf, 2338,
-                    "Input buflen %u err from %s:%u when encap type %u len %u.", ulRoom, pcFileName,
-                    ulLine, 0u, MBUF_GetCtlLen(pstMbuf, 0));
+                    "Input buflen %u err from %s:%u when encap type %u len %u.", ulBufLen,
+                    pcFileName, ulLine, 0u, MBUF_GetCtlLen(pstMbuf, 0));
     }
     krm::Put16(out, krm::kLengthOff, static_cast<uint16_t>(ulEnd - krm::kLengthBase));
     return MBUF_OK;

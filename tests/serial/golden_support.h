@@ -15,7 +15,7 @@ using krm::golden::PacketSpec;
 std::string GoldenDir();
 Bytes ReadFile(const std::string &path);
 
-// The packet holds exactly what spec describes: its data, the flag word
+// The packet holds exactly what the description says: its data, the flag word
 // (and, from an image, all seven header words), the common record and every
 // record byte for byte, and no other record.
 ::testing::AssertionResult MatchesSpec(MBUF_S *pstMbuf, const PacketSpec &spec, bool bImage);

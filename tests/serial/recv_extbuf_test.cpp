@@ -1,6 +1,8 @@
 // External buffers for received nodes: which data is moved into a cluster,
 // where it lands, who owns the cluster, and that a refusal leaves nothing
 // behind.
+#include <algorithm>
+
 #include "serial_support.h"
 
 namespace krm::serialtest {
@@ -32,8 +34,10 @@ MBUF_S *ReceivedNode(const MoveRow &row, std::uint32_t ulOwner) {
     }
     node->pstNext = reinterpret_cast<MBUF_S *>(0x1234);  // a sender's address
     // Data may run on over the link words, as it does in transit.
+    // A node claiming more than its memory holds gets only what fits.
     const Bytes data = Counting(row.len, 0x21);
-    std::memcpy(reinterpret_cast<std::uint8_t *>(node) + node->ulRsv2, data.data(), row.len);
+    const std::uint32_t ulFits = std::min(row.len, row.nodeMem - node->ulRsv2);
+    std::memcpy(reinterpret_cast<std::uint8_t *>(node) + node->ulRsv2, data.data(), ulFits);
     return node;
 }
 
