@@ -16,9 +16,6 @@ inline constexpr std::uint32_t kBenchModule = 0x4F42;
 inline constexpr std::uint16_t kBenchMss = 1448;
 inline constexpr std::uint32_t kTsoPayload = 65535 - 40;  // IPv4 total length at its limit
 inline constexpr std::uint32_t kLinkLen = 14;
-// Packets cut per timed iteration: the sources are built with the clock
-// stopped, and stopping it costs more than a cut on a virtual machine.
-inline constexpr std::uint32_t kTsoBatch = 16;
 
 inline std::vector<std::uint8_t> BenchBytes(std::uint32_t len) {
     std::vector<std::uint8_t> b(len);

@@ -9,6 +9,8 @@
 namespace krm::offload {
 namespace {
 
+constexpr std::size_t kWideFrom = 256;
+
 inline std::uint32_t LoadNative32(const std::uint8_t *p) {
     std::uint32_t v;
     std::memcpy(&v, p, sizeof(v));
@@ -63,7 +65,9 @@ std::uint32_t SumTail(const std::uint8_t *p, std::size_t ulLen) {
 std::uint32_t Sum(const std::uint8_t *pucData, std::size_t ulLen, bool bWide) {
     std::uint64_t ullNative = 0;
     std::size_t ulDone = 0;
-    if (!bWide || !SumBulkWide(pucData, ulLen, &ullNative, &ulDone)) {
+    // Headers and other short runs cost less in the portable loop than the
+    // wide path's setting up and widening.
+    if (!bWide || ulLen < kWideFrom || !SumBulkWide(pucData, ulLen, &ullNative, &ulDone)) {
         ulDone = 0;
     }
     ulDone += SumNativePortable(pucData + ulDone, ulLen - ulDone, &ullNative);
@@ -117,6 +121,12 @@ std::uint32_t CopyAndSumPortable(std::uint8_t *pucDst, const std::uint8_t *pucSr
 }
 
 #if !defined(__x86_64__)
+bool SumRunsAvx2(const Run *, std::size_t, std::uint32_t *) {
+    return false;
+}
+bool SumRunsAvx512(const Run *, std::size_t, std::uint32_t *) {
+    return false;
+}
 bool SumRunsWide(const Run *, std::size_t, std::uint32_t *) {
     return false;
 }

@@ -64,7 +64,13 @@ struct Run {
 std::uint32_t SumRuns(const Run *pstRuns, std::size_t ulCount);
 std::uint32_t SumRunsPortable(const Run *pstRuns, std::size_t ulCount);
 
-// The machine-specific run summer; false when this machine has none.
+// The x86-64 run summers by name, so that each can be checked on a machine
+// that has it; false where the CPU lacks it, and on every other machine.
+bool SumRunsAvx2(const Run *pstRuns, std::size_t ulCount, std::uint32_t *pulSum);
+bool SumRunsAvx512(const Run *pstRuns, std::size_t ulCount, std::uint32_t *pulSum);
+
+// The machine-specific run summer (the widest the CPU has); false when this
+// machine has none.
 bool SumRunsWide(const Run *pstRuns, std::size_t ulCount, std::uint32_t *pulSum);
 
 // The machine-specific bulk: sums (and copies) the first ulLen & ~31 bytes

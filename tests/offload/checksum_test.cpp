@@ -31,6 +31,18 @@ Bytes Pattern(int kind, std::size_t n) {
     return b;
 }
 
+// Each wide run summer this CPU has gives the model's sum; a path the CPU
+// lacks is skipped (it is never chosen there).
+void ExpectEveryRunPath(const std::vector<offload::Run> &runs, std::uint32_t want) {
+    std::uint32_t sum = 0;
+    if (offload::SumRunsAvx2(runs.data(), runs.size(), &sum)) {
+        ASSERT_EQ(sum, want) << "AVX2, " << runs.size() << " runs";
+    }
+    if (offload::SumRunsAvx512(runs.data(), runs.size(), &sum)) {
+        ASSERT_EQ(sum, want) << "AVX-512, " << runs.size() << " runs";
+    }
+}
+
 TEST_F(ChecksumTest, EngineMatchesModelOnEveryLengthAndAlignment) {
     for (int kind = 0; kind < 3; ++kind) {
         const Bytes src = Pattern(kind, 700);
@@ -41,6 +53,7 @@ TEST_F(ChecksumTest, EngineMatchesModelOnEveryLengthAndAlignment) {
                 ASSERT_EQ(SumBytes(p, n), want)
                     << "kind " << kind << " start " << start << " n " << n;
                 ASSERT_EQ(SumBytesPortable(p, n), want) << "portable, n " << n;
+                ExpectEveryRunPath({{p, static_cast<std::uint32_t>(n), false}}, want);
                 Bytes dst(n + 1, 0x5A);
                 ASSERT_EQ(CopyAndSum(dst.data() + 1, p, n), want) << "copy, n " << n;
                 ASSERT_TRUE(std::equal(p, p + n, dst.begin() + 1));
@@ -91,6 +104,7 @@ TEST_F(ChecksumTest, RunsSumLikeTheirConcatenation) {
             EXPECT_EQ(offload::SumRuns(runs.data(), runs.size()), want)
                 << "kind " << kind << " runs " << runs.size();
             EXPECT_EQ(offload::SumRunsPortable(runs.data(), runs.size()), want) << "portable";
+            ExpectEveryRunPath(runs, want);
         }
     }
 }
