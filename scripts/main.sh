@@ -1,6 +1,7 @@
 #!/usr/bin/env bash
-# The main job: builds the library and runs every example program, each of
-# which prints what it does with a packet.
+# The main job: builds the library, runs every example program, each of
+# which prints what it does with a packet, then sends packets to a peer
+# process and back with krm-mbuf road and prints its summary.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
@@ -11,3 +12,5 @@ for example in build/default/examples/krm_example_*; do
     echo "=== $(basename "$example") ==="
     "$example"
 done
+echo "=== krm-mbuf road ==="
+build/default/tools/krm-mbuf/krm-mbuf road

@@ -3,7 +3,8 @@
 set -euo pipefail
 
 packages=(cmake ninja-build g++ googletest libgtest-dev libgmock-dev libbenchmark-dev
-          g++-powerpc-linux-gnu qemu-user clang-format binutils tshark)
+          g++-powerpc-linux-gnu qemu-user clang-format binutils tshark
+          libcli11-dev libpcap-dev dpkg-dev pkg-config)
 missing=()
 for p in "${packages[@]}"; do
     dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q 'install ok installed' || missing+=("$p")
