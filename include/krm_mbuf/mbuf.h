@@ -294,12 +294,12 @@ MBUF_API extern const char g_acMbufVersion[];
 #include "krm_mbuf/mbuf_chain.h"     /* space, copy, join, split, traversal */
 #include "krm_mbuf/mbuf_core.h"      /* nodes, memory, creation, destruction */
 #include "krm_mbuf/mbuf_ctlinfo.h"   /* control information, packet tags */
-#include "krm_mbuf/mbuf_meta.h"      /* flags, accessors, stack debug, time */
-#include "krm_mbuf/mbuf_serial.h"    /* TLV stream, serial image, data blocks */
-#include "krm_mbuf/mbuf_pipe.h"      /* sending and receiving through pipes */
-#include "krm_mbuf/mbuf_hpc.h"       /* packet and vector conversion */
-#include "krm_mbuf/mbuf_offload.h"   /* checksums, TCP segmentation */
-#include "krm_mbuf/mbuf_protoint.h"  /* protocol-interaction log */
 #include "krm_mbuf/mbuf_diag.h"      /* drop-reason texts, packet trace */
+#include "krm_mbuf/mbuf_hpc.h"       /* packet and vector conversion */
+#include "krm_mbuf/mbuf_meta.h"      /* flags, accessors, stack debug, time */
+#include "krm_mbuf/mbuf_offload.h"   /* checksums, TCP segmentation */
+#include "krm_mbuf/mbuf_pipe.h"      /* sending and receiving through pipes */
+#include "krm_mbuf/mbuf_protoint.h"  /* protocol-interaction log */
+#include "krm_mbuf/mbuf_serial.h"    /* TLV stream, serial image, data blocks */
 
 #endif /* KRM_MBUF_MBUF_H */

@@ -146,7 +146,8 @@ uint32_t TQM_PipeIovecNoFreeWrite(uint32_t ulPipeId, uint32_t ulCount, MBUF_IOVE
 
 /* Writes ulPktCount packets, each described by one descriptor, as one
  * package. */
-uint32_t KRM_PipeWriteIovecIntra(uint32_t ulPipeId, uint32_t ulPktCount, MBUF_TRANS_DESC_S *pstDescArray);
+uint32_t KRM_PipeWriteIovecIntra(uint32_t ulPipeId, uint32_t ulPktCount,
+                                 MBUF_TRANS_DESC_S *pstDescArray);
 
 /* Reserves *pulCount tokens of a pipe: 0, or 0x224C1110 (pipe not opened),
  * 0x224C1111 (no token left), 0x224C1112 (identifier out of range). */
@@ -162,7 +163,8 @@ uint32_t KRM_PipePackageRead(uint32_t ulPipeId, uint32_t *pulCount, MBUF_TRANS_D
 
 /* A message is a pipe buffer of ulSize bytes; NULL: failed. */
 void *KRM_MsgAlloc_F(uint32_t ulModuleId, uint32_t ulSize, const char *pcFileName, uint32_t ulLine);
-uint32_t KRM_SEND_MSG(uint32_t ulDest, uint32_t ulClass, uint32_t ulType, void *pMsg, uint32_t ulSize);
+uint32_t KRM_SEND_MSG(uint32_t ulDest, uint32_t ulClass, uint32_t ulType, void *pMsg,
+                      uint32_t ulSize);
 uint32_t TQM_MsgFree(uint32_t ulModuleId, void *pMsg);
 uint32_t TQM_MsgLenGet(const void *pMsg);
 uint32_t TQM_KRM_MSG_GET_INTF(const void *pMsg);

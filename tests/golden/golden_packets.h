@@ -23,7 +23,7 @@ struct Field {
     std::uint32_t value;
 };
 
-struct RecordSpec {
+struct RecordPlan {
     std::uint32_t type;
     std::uint32_t len;
     std::vector<Field> fields;
@@ -32,23 +32,23 @@ struct RecordSpec {
 // The seven packet-header words in serial-image order.
 enum HdrWord { kPktRsv, kTotalLen, kFlag3, kPktTagInfo, kPktRsv2, kFlag2, kPktRsv3, kHdrWordNum };
 
-struct PacketSpec {
+struct PacketPlan {
     const char *name;
     std::uint32_t dataLen;
     std::uint32_t seed;
     std::uint32_t words[kHdrWordNum];  // kTotalLen is the data length
     std::vector<Field> comm;           // the common record; empty: as initialised
-    std::vector<RecordSpec> records;
+    std::vector<RecordPlan> records;
 };
 
 inline std::uint8_t DataByte(std::uint32_t i, std::uint32_t seed) {
     return static_cast<std::uint8_t>((i * 131u + seed * 17u + (i >> 8)) & 0xFF);
 }
 
-inline Bytes Data(const PacketSpec &spec) {
-    Bytes data(spec.dataLen);
-    for (std::uint32_t i = 0; i < spec.dataLen; ++i) {
-        data[i] = DataByte(i, spec.seed);
+inline Bytes Data(const PacketPlan &plan) {
+    Bytes data(plan.dataLen);
+    for (std::uint32_t i = 0; i < plan.dataLen; ++i) {
+        data[i] = DataByte(i, plan.seed);
     }
     return data;
 }
@@ -103,14 +103,14 @@ inline std::vector<Field> CommFields(std::uint32_t seed) {
     return f;
 }
 
-inline RecordSpec IpRecord() {
+inline RecordPlan IpRecord() {
     std::vector<Field> f;
     AddBytes(f, 0, 14, 0x0A);
     Add(f, 2, 14, 0x1234);
     Add(f, 4, 16, 0xC0A80001u);
     return {MBUF_CTL_IP, 20, f};
 }
-inline RecordSpec MplsRecord() {
+inline RecordPlan MplsRecord() {
     std::vector<Field> f;
     AddWords(f, 0, 92, 3);
     AddBytes(f, 92, 94, 0x30);
@@ -120,29 +120,29 @@ inline RecordSpec MplsRecord() {
     Add(f, 4, 104, 0xFEDCBA98u);
     return {MBUF_CTL_MPLS, 108, f};
 }
-inline RecordSpec Ip6Record() {
+inline RecordPlan Ip6Record() {
     std::vector<Field> f;
     AddBytes(f, 0, 38, 0x60);
     Add(f, 2, 38, 0x86DD);
     AddWords(f, 40, 52, 8);
     return {MBUF_CTL_IP6, 52, f};
 }
-inline RecordSpec PrevHopRecord() {
+inline RecordPlan PrevHopRecord() {
     return {MBUF_CTL_PREVHOP, 4, {{0, 4, 0x0A000001u}}};
 }
-inline RecordSpec TimeStampRecord() {
+inline RecordPlan TimeStampRecord() {
     std::vector<Field> f;
     AddWords(f, 0, 40, 11);
     return {MBUF_CTL_TIMESTAMP, 40, f};
 }
-inline RecordSpec VlanIdMacRecord() {
+inline RecordPlan VlanIdMacRecord() {
     std::vector<Field> f;
     Add(f, 2, 0, 100);
     AddBytes(f, 2, 8, 0xA0);
     Add(f, 4, 8, 0x00BADBADu);
     return {MBUF_CTL_VLANIDMAC, 12, f};
 }
-inline RecordSpec L2VpnRecord() {
+inline RecordPlan L2VpnRecord() {
     std::vector<Field> f;
     AddBytes(f, 0, 2, 0x70);
     Add(f, 2, 2, 0x4321);
@@ -162,7 +162,7 @@ struct SubTlv {
     std::uint16_t len;
     std::vector<Field> value;
 };
-inline RecordSpec TlvRecord(std::uint32_t type, const std::vector<SubTlv> &subs) {
+inline RecordPlan TlvRecord(std::uint32_t type, const std::vector<SubTlv> &subs) {
     std::vector<Field> f;
     std::uint16_t pos = 4;
     for (const SubTlv &s : subs) {
@@ -183,21 +183,21 @@ inline std::vector<Field> ValueBytes(std::uint16_t len, std::uint32_t seed) {
     AddBytes(f, 0, len, seed);
     return f;
 }
-inline RecordSpec LinkRecord() {
+inline RecordPlan LinkRecord() {
     return TlvRecord(MBUF_CTL_LINK, {{10, 4, {{0, 4, 0x00000007u}}},  // VLAN priority
                                      {16, 2, {{0, 2, 0x88A8}}},       // TPID
                                      {7, 3, ValueBytes(3, 0xAA)}});   // SNAP: head only
 }
-inline RecordSpec PktSendRecord() {
+inline RecordPlan PktSendRecord() {
     return TlvRecord(MBUF_CTL_PKTSEND, {{0, 4, {{0, 4, 0x0000BEEFu}}}, {3, 2, {{0, 2, 0x0102}}}});
 }
-inline RecordSpec PacketRecord() {
+inline RecordPlan PacketRecord() {
     return TlvRecord(MBUF_CTL_PACKET, {{5, 6, ValueBytes(6, 0x50)}, {9, 1, ValueBytes(1, 0x90)}});
 }
 
 // Record 21 with 6 entries, two of them stamped; only the fields the
 // receiver converts carry values (the last-tick words stay zero).
-inline RecordSpec StackDebugRecord() {
+inline RecordPlan StackDebugRecord() {
     std::vector<Field> f;
     Add(f, 2, 0, 0);
     Add(f, 2, 2, 24);
@@ -226,7 +226,7 @@ inline RecordSpec StackDebugRecord() {
     return {MBUF_CTL_STACKDEBUG, 6 * 48 + 28, f};
 }
 
-inline std::vector<PacketSpec> Packets() {
+inline std::vector<PacketPlan> Packets() {
     return {
         {"data_only", 100, 1, {0, 100, 0, 0, 0, 0, 0}, {}, {}},
         {"fixed_records",
@@ -259,13 +259,13 @@ inline std::vector<PacketSpec> Packets() {
 
 // The packet a description stands for, built with the public interface.
 // NULL when memory fails.
-inline MBUF_S *Build(const PacketSpec &spec, std::uint32_t ulModule) {
-    const Bytes data = Data(spec);
-    MBUF_S *pkt = MBUF_CreateByCopyBuffer(0, spec.dataLen, data.data(), 0, ulModule);
+inline MBUF_S *Build(const PacketPlan &plan, std::uint32_t ulModule) {
+    const Bytes data = Data(plan);
+    MBUF_S *pkt = MBUF_CreateByCopyBuffer(0, plan.dataLen, data.data(), 0, ulModule);
     if (pkt == nullptr) {
         return nullptr;
     }
-    for (const RecordSpec &rec : spec.records) {
+    for (const RecordPlan &rec : plan.records) {
         if (MBUF_CreateControlInfo(pkt, rec.type, rec.len, ulModule) != MBUF_OK) {
             MBUF_Destroy(pkt);
             return nullptr;
@@ -273,16 +273,16 @@ inline MBUF_S *Build(const PacketSpec &spec, std::uint32_t ulModule) {
         const Bytes img = Image(rec.len, rec.fields);
         std::memcpy(MBUF_GetControlInfo(pkt, rec.type), img.data(), img.size());
     }
-    if (!spec.comm.empty()) {
-        const Bytes comm = Image(MBUF_CTL_COMM_LEN, spec.comm);
+    if (!plan.comm.empty()) {
+        const Bytes comm = Image(MBUF_CTL_COMM_LEN, plan.comm);
         std::memcpy(MBUF_GetControlInfo(pkt, MBUF_CTL_COMM), comm.data(), comm.size());
     }
-    pkt->ulPktRsv = spec.words[kPktRsv];
-    pkt->ulFlag3 = spec.words[kFlag3];
-    pkt->ulPktTagInfo = spec.words[kPktTagInfo];
-    pkt->ulPktRsv2 = spec.words[kPktRsv2];
-    pkt->ulFlag2 = spec.words[kFlag2];
-    pkt->ulPktRsv3 = spec.words[kPktRsv3];
+    pkt->ulPktRsv = plan.words[kPktRsv];
+    pkt->ulFlag3 = plan.words[kFlag3];
+    pkt->ulPktTagInfo = plan.words[kPktTagInfo];
+    pkt->ulPktRsv2 = plan.words[kPktRsv2];
+    pkt->ulFlag2 = plan.words[kFlag2];
+    pkt->ulPktRsv3 = plan.words[kPktRsv3];
     return pkt;
 }
 
@@ -291,8 +291,8 @@ inline MBUF_S *Build(const PacketSpec &spec, std::uint32_t ulModule) {
 inline const char *HostOrderName() {
     return MBUF_HOST_BIG_ENDIAN ? "be" : "le";
 }
-inline std::string FileName(const PacketSpec &spec, const char *order, const char *kind) {
-    return std::string(spec.name) + "." + order + "." + kind;
+inline std::string FileName(const PacketPlan &plan, const char *order, const char *kind) {
+    return std::string(plan.name) + "." + order + "." + kind;
 }
 
 }  // namespace krm::golden

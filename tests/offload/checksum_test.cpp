@@ -182,7 +182,7 @@ TEST_F(ChecksumTest, RefusedBuffersAndEmptyRanges) {
 // An IPv6 frame whose control record names a destination other than the
 // header's: the pseudo-header takes the record's.
 struct V6Case {
-    FrameSpec spec;
+    FramePlan plan;
     Bytes dst;
     Bytes frame;
     MBUF_TSO_CTL_INFO_S ctl{};
@@ -190,21 +190,21 @@ struct V6Case {
 
 V6Case MakeV6(std::uint32_t payload, std::uint32_t ipHdrLen) {
     V6Case c;
-    c.spec.version = 6;
-    c.spec.linkLen = 3;
-    c.spec.ipHdrLen = ipHdrLen;
-    c.spec.payloadLen = payload;
-    c.frame = BuildFrame(c.spec);
+    c.plan.version = 6;
+    c.plan.linkLen = 3;
+    c.plan.ipHdrLen = ipHdrLen;
+    c.plan.payloadLen = payload;
+    c.frame = BuildFrame(c.plan);
     c.dst = Bytes(16);
     std::iota(c.dst.begin(), c.dst.end(), std::uint8_t{0xC0});
-    c.ctl.usIpOffset = static_cast<std::uint16_t>(c.spec.linkLen);
+    c.ctl.usIpOffset = static_cast<std::uint16_t>(c.plan.linkLen);
     c.ctl.usIpHdrLen = static_cast<std::uint16_t>(ipHdrLen);
     std::memcpy(c.ctl.aucDstAddr, c.dst.data(), 16);
     return c;
 }
 
 std::uint16_t ModelV6(const V6Case &c, std::uint32_t len) {
-    const std::uint32_t ip = c.spec.linkLen;
+    const std::uint32_t ip = c.plan.linkLen;
     Bytes ph(c.frame.begin() + ip + 8, c.frame.begin() + ip + 24);
     ph.insert(ph.end(), c.dst.begin(), c.dst.end());
     const std::uint8_t tail[8] = {static_cast<std::uint8_t>(len >> 24),
@@ -216,7 +216,7 @@ std::uint16_t ModelV6(const V6Case &c, std::uint32_t len) {
                                   0,
                                   6};
     ph.insert(ph.end(), tail, tail + 8);
-    const std::uint32_t from = ip + c.spec.ipHdrLen;
+    const std::uint32_t from = ip + c.plan.ipHdrLen;
     const Bytes data(c.frame.begin() + from,
                      c.frame.begin() + std::min<std::size_t>(from + len, c.frame.size()));
     return RefChecksum(data, RefSum(ph.data(), ph.size()));
@@ -226,7 +226,7 @@ TEST_F(ChecksumTest, Ipv6UsesTheRecordsDestinationOnEverySplit) {
     for (std::uint32_t ipHdrLen : {40u, 56u}) {
         for (std::uint32_t payload : {0u, 1u, 1447u, 3001u}) {
             const V6Case c = MakeV6(payload, ipHdrLen);
-            const std::uint32_t len = c.spec.tcpHdrLen + payload;
+            const std::uint32_t len = c.plan.tcpHdrLen + payload;
             for (const Split &split : Splits()) {
                 MBUF_S *m = PacketOf(c.frame, split.sizes);
                 ASSERT_NE(m, nullptr);
@@ -243,7 +243,7 @@ TEST_F(ChecksumTest, Ipv6UsesTheRecordsDestinationOnEverySplit) {
 
 TEST_F(ChecksumTest, Ipv6PseudoHeaderSumIsUnfolded) {
     const V6Case c = MakeV6(10, 40);
-    const std::uint8_t *ip = c.frame.data() + c.spec.linkLen;
+    const std::uint8_t *ip = c.frame.data() + c.plan.linkLen;
     std::uint32_t want = 0x10000u + 6;  // length 0x10000: both halves counted
     for (int i = 0; i < 16; i += 2) {
         want += (std::uint32_t{ip[8 + i]} << 8 | ip[9 + i]) +

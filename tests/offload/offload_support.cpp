@@ -44,8 +44,8 @@ const std::vector<Split> &Splits() {
 
 namespace {
 
-void PutIpv4(std::uint8_t *ip, const FrameSpec &spec, std::uint32_t ipTotal) {
-    ip[0] = static_cast<std::uint8_t>(0x40 | (spec.ipHdrLen / 4));
+void PutIpv4(std::uint8_t *ip, const FramePlan &plan, std::uint32_t ipTotal) {
+    ip[0] = static_cast<std::uint8_t>(0x40 | (plan.ipHdrLen / 4));
     StoreBe16(ip + 2, static_cast<std::uint16_t>(ipTotal));
     StoreBe16(ip + 4, kIpId0);
     StoreBe16(ip + 6, 0x4000);
@@ -53,43 +53,43 @@ void PutIpv4(std::uint8_t *ip, const FrameSpec &spec, std::uint32_t ipTotal) {
     ip[9] = 6;
     const std::uint8_t addrs[8] = {10, 0, 0, 1, 10, 0, 0, 2};
     std::copy(addrs, addrs + 8, ip + 12);
-    for (std::uint32_t i = 20; i < spec.ipHdrLen; ++i) {
+    for (std::uint32_t i = 20; i < plan.ipHdrLen; ++i) {
         ip[i] = 1;  // NOP options
     }
-    StoreBe16(ip + 10, RefChecksum(Bytes(ip, ip + spec.ipHdrLen)));
+    StoreBe16(ip + 10, RefChecksum(Bytes(ip, ip + plan.ipHdrLen)));
 }
 
-void PutIpv6(std::uint8_t *ip, const FrameSpec &spec, std::uint32_t ipTotal) {
+void PutIpv6(std::uint8_t *ip, const FramePlan &plan, std::uint32_t ipTotal) {
     ip[0] = 0x60;
     StoreBe16(ip + 4, static_cast<std::uint16_t>(ipTotal - 40));
-    ip[6] = spec.ipHdrLen > 40 ? 0 : 6;  // a hop-by-hop header when longer
+    ip[6] = plan.ipHdrLen > 40 ? 0 : 6;  // a hop-by-hop header when longer
     ip[7] = 64;
     for (int i = 0; i < 16; ++i) {
         ip[8 + i] = static_cast<std::uint8_t>(i == 0 ? 0x20 : (i == 15 ? 1 : 0x10 + i));
         ip[24 + i] = static_cast<std::uint8_t>(i == 0 ? 0x20 : (i == 15 ? 2 : 0x30 + i));
     }
-    if (spec.ipHdrLen > 40) {
+    if (plan.ipHdrLen > 40) {
         ip[40] = 6;                                                    // next: TCP
-        ip[41] = static_cast<std::uint8_t>((spec.ipHdrLen - 48) / 8);  // extra 8-byte units
+        ip[41] = static_cast<std::uint8_t>((plan.ipHdrLen - 48) / 8);  // extra 8-byte units
         ip[42] = 1;                                                    // PadN
-        ip[43] = static_cast<std::uint8_t>(spec.ipHdrLen - 44);
+        ip[43] = static_cast<std::uint8_t>(plan.ipHdrLen - 44);
     }
 }
 
 // The TCP checksum over tcp..end with the pseudo-header the segmenter uses:
 // IPv4 counts its header as 20 bytes in the length, IPv6 its whole header
 // chain; both take the TLV's destination.
-std::uint16_t TcpChecksum(const FrameSpec &spec, const Bytes &seg, const Bytes &dst) {
-    const std::uint32_t ipOff = spec.linkLen;
-    const std::uint32_t tcpOff = ipOff + spec.ipHdrLen;
+std::uint16_t TcpChecksum(const FramePlan &plan, const Bytes &seg, const Bytes &dst) {
+    const std::uint32_t ipOff = plan.linkLen;
+    const std::uint32_t tcpOff = ipOff + plan.ipHdrLen;
     std::uint64_t pseudo = 6;
-    const std::uint32_t srcOff = ipOff + (spec.version == 4 ? 12 : 8);
-    const std::uint32_t addrLen = spec.version == 4 ? 4 : 16;
+    const std::uint32_t srcOff = ipOff + (plan.version == 4 ? 12 : 8);
+    const std::uint32_t addrLen = plan.version == 4 ? 4 : 16;
     Bytes addrs(seg.begin() + srcOff, seg.begin() + srcOff + addrLen);
     addrs.insert(addrs.end(), dst.begin(), dst.begin() + addrLen);
     pseudo += RefSum(addrs.data(), addrs.size());
     const auto segLen = static_cast<std::uint32_t>(seg.size());
-    const std::uint32_t len = spec.version == 4 ? segLen - ipOff - 20 : segLen - tcpOff;
+    const std::uint32_t len = plan.version == 4 ? segLen - ipOff - 20 : segLen - tcpOff;
     pseudo += (len >> 16) + (len & 0xFFFF);
     Bytes tcp(seg.begin() + tcpOff, seg.end());
     tcp[16] = tcp[17] = 0;
@@ -98,78 +98,78 @@ std::uint16_t TcpChecksum(const FrameSpec &spec, const Bytes &seg, const Bytes &
 
 }  // namespace
 
-Bytes BuildFrame(const FrameSpec &spec) {
-    const std::uint32_t ipTotal = spec.ipHdrLen + spec.tcpHdrLen + spec.payloadLen;
-    Bytes f(spec.linkLen + ipTotal, 0);
-    for (std::uint32_t i = 0; i < spec.linkLen; ++i) {
+Bytes BuildFrame(const FramePlan &plan) {
+    const std::uint32_t ipTotal = plan.ipHdrLen + plan.tcpHdrLen + plan.payloadLen;
+    Bytes f(plan.linkLen + ipTotal, 0);
+    for (std::uint32_t i = 0; i < plan.linkLen; ++i) {
         f[i] = static_cast<std::uint8_t>(0xA0 + i);
     }
-    std::uint8_t *ip = f.data() + spec.linkLen;
-    if (spec.version == 4) {
-        PutIpv4(ip, spec, ipTotal);
+    std::uint8_t *ip = f.data() + plan.linkLen;
+    if (plan.version == 4) {
+        PutIpv4(ip, plan, ipTotal);
     } else {
-        PutIpv6(ip, spec, ipTotal);
+        PutIpv6(ip, plan, ipTotal);
     }
-    std::uint8_t *tcp = ip + spec.ipHdrLen;
+    std::uint8_t *tcp = ip + plan.ipHdrLen;
     StoreBe16(tcp, 40000);
     StoreBe16(tcp + 2, 179);
     StoreBe32(tcp + 4, kSeq0);
     StoreBe32(tcp + 8, 0x01020304);
-    tcp[12] = static_cast<std::uint8_t>((spec.tcpHdrLen / 4) << 4);
-    tcp[13] = spec.tcpFlags;
+    tcp[12] = static_cast<std::uint8_t>((plan.tcpHdrLen / 4) << 4);
+    tcp[13] = plan.tcpFlags;
     StoreBe16(tcp + 14, 0xFFFF);
-    for (std::uint32_t i = 20; i < spec.tcpHdrLen; ++i) {
+    for (std::uint32_t i = 20; i < plan.tcpHdrLen; ++i) {
         tcp[i] = 1;  // NOP options
     }
-    const Bytes pay = Payload(spec.payloadLen, 3);
-    std::copy(pay.begin(), pay.end(), tcp + spec.tcpHdrLen);
+    const Bytes pay = Payload(plan.payloadLen, 3);
+    std::copy(pay.begin(), pay.end(), tcp + plan.tcpHdrLen);
     return f;
 }
 
-Bytes HeaderDst(const FrameSpec &spec, const Bytes &frame) {
-    const std::uint32_t off = spec.linkLen + (spec.version == 4 ? 16 : 24);
-    Bytes dst(frame.begin() + off, frame.begin() + off + (spec.version == 4 ? 4 : 16));
+Bytes HeaderDst(const FramePlan &plan, const Bytes &frame) {
+    const std::uint32_t off = plan.linkLen + (plan.version == 4 ? 16 : 24);
+    Bytes dst(frame.begin() + off, frame.begin() + off + (plan.version == 4 ? 4 : 16));
     dst.resize(16, 0);
     return dst;
 }
 
-void SetTsoTlv(MBUF_S *pstMbuf, const FrameSpec &spec, const Bytes &dst, std::int32_t totalLen) {
+void SetTsoTlv(MBUF_S *pstMbuf, const FramePlan &plan, const Bytes &dst, std::int32_t totalLen) {
     MBUF_TSO_TLV_S tlv{};
     tlv.usType = MBUF_TSO_TLV_TYPE;
     tlv.usLen = MBUF_TSO_TLV_LEN;
-    tlv.usPayloadLen = static_cast<std::uint16_t>(spec.payloadLen);
-    tlv.usTcpHdrLen = static_cast<std::uint16_t>(spec.tcpHdrLen);
-    tlv.usIpHdrLen = static_cast<std::uint16_t>(spec.ipHdrLen);
-    tlv.usMss = spec.mss;
+    tlv.usPayloadLen = static_cast<std::uint16_t>(plan.payloadLen);
+    tlv.usTcpHdrLen = static_cast<std::uint16_t>(plan.tcpHdrLen);
+    tlv.usIpHdrLen = static_cast<std::uint16_t>(plan.ipHdrLen);
+    tlv.usMss = plan.mss;
     tlv.usTotalLen = static_cast<std::uint16_t>(totalLen >= 0 ? static_cast<std::uint32_t>(totalLen)
-                                                              : spec.ipHdrLen + spec.tcpHdrLen +
-                                                                    spec.payloadLen);
+                                                              : plan.ipHdrLen + plan.tcpHdrLen +
+                                                                    plan.payloadLen);
     std::copy(dst.begin(), dst.begin() + 16, tlv.aucDstAddr);
     ASSERT_EQ(MBUF_SetTlvInfo(pstMbuf, kModule, reinterpret_cast<const MBUF_CTL_TLV_S *>(&tlv)), 0);
 }
 
-std::vector<Bytes> ModelSegments(const FrameSpec &spec, const Bytes &frame, const Bytes &dst,
+std::vector<Bytes> ModelSegments(const FramePlan &plan, const Bytes &frame, const Bytes &dst,
                                  std::uint32_t capacity) {
-    const std::uint32_t ipOff = spec.linkLen;
-    const std::uint32_t hdr = ipOff + spec.ipHdrLen + spec.tcpHdrLen;
+    const std::uint32_t ipOff = plan.linkLen;
+    const std::uint32_t hdr = ipOff + plan.ipHdrLen + plan.tcpHdrLen;
     std::vector<Bytes> segs;
-    for (std::uint32_t i = 0, off = hdr; off < frame.size() && i < capacity; ++i, off += spec.mss) {
-        const std::uint32_t n = std::min<std::uint32_t>(spec.mss, frame.size() - off);
+    for (std::uint32_t i = 0, off = hdr; off < frame.size() && i < capacity; ++i, off += plan.mss) {
+        const std::uint32_t n = std::min<std::uint32_t>(plan.mss, frame.size() - off);
         Bytes seg(frame.begin(), frame.begin() + hdr);
         seg.insert(seg.end(), frame.begin() + off, frame.begin() + off + n);
         std::uint8_t *ip = seg.data() + ipOff;
-        std::uint8_t *tcp = ip + spec.ipHdrLen;
-        StoreBe32(tcp + 4, kSeq0 + i * spec.mss);
+        std::uint8_t *tcp = ip + plan.ipHdrLen;
+        StoreBe32(tcp + 4, kSeq0 + i * plan.mss);
         const auto segLen = static_cast<std::uint32_t>(seg.size());
-        if (spec.version == 4) {
+        if (plan.version == 4) {
             StoreBe16(ip + 2, static_cast<std::uint16_t>(segLen - ipOff));
             StoreBe16(ip + 4, static_cast<std::uint16_t>(kIpId0 + i));
             StoreBe16(ip + 10, 0);
-            StoreBe16(ip + 10, RefChecksum(Bytes(ip, ip + spec.ipHdrLen)));
+            StoreBe16(ip + 10, RefChecksum(Bytes(ip, ip + plan.ipHdrLen)));
         } else {
-            StoreBe16(ip + 4, static_cast<std::uint16_t>(segLen - ipOff - spec.ipHdrLen));
+            StoreBe16(ip + 4, static_cast<std::uint16_t>(segLen - ipOff - plan.ipHdrLen));
         }
-        StoreBe16(tcp + 16, TcpChecksum(spec, seg, dst));
+        StoreBe16(tcp + 16, TcpChecksum(plan, seg, dst));
         segs.push_back(seg);
     }
     return segs;

@@ -46,7 +46,7 @@ struct Split {
 const std::vector<Split> &Splits();
 
 // A TCP/IP frame to be segmented.
-struct FrameSpec {
+struct FramePlan {
     int version = 4;
     std::uint32_t linkLen = 14;  // bytes before the IP header
     std::uint32_t ipHdrLen = 20;
@@ -62,19 +62,19 @@ inline constexpr std::uint32_t kModule = 0x4F46;
 
 // The frame's bytes: link bytes, an IP header with valid checksums, a TCP
 // header (options up to tcpHdrLen), payload.
-Bytes BuildFrame(const FrameSpec &spec);
+Bytes BuildFrame(const FramePlan &plan);
 // The destination address the TLV carries for a frame (by default the
 // header's own).
-Bytes HeaderDst(const FrameSpec &spec, const Bytes &frame);
+Bytes HeaderDst(const FramePlan &plan, const Bytes &frame);
 
 // Stores the segmentation TLV describing the frame on the packet; its
 // usTotalLen is the frame's from the IP header on unless given.
-void SetTsoTlv(MBUF_S *pstMbuf, const FrameSpec &spec, const Bytes &dst,
+void SetTsoTlv(MBUF_S *pstMbuf, const FramePlan &plan, const Bytes &dst,
                std::int32_t totalLen = -1);
 
 // The segments the frame must yield, at most `capacity`, every field and
 // checksum computed from scratch.
-std::vector<Bytes> ModelSegments(const FrameSpec &spec, const Bytes &frame, const Bytes &dst,
+std::vector<Bytes> ModelSegments(const FramePlan &plan, const Bytes &frame, const Bytes &dst,
                                  std::uint32_t capacity);
 
 }  // namespace krm::test

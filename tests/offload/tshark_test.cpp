@@ -87,22 +87,22 @@ struct Expected {
 
 // Cuts one frame and appends its segments (from the IP header on) and what
 // each must show.
-void CutFrame(const FrameSpec &spec, std::vector<Bytes> *ip, std::vector<Expected> *want) {
-    const Bytes frame = BuildFrame(spec);
-    MBUF_S *pkt = PacketOf(frame, {spec.linkLen + 7, 1001, 3, 0, 2999});
+void CutFrame(const FramePlan &plan, std::vector<Bytes> *ip, std::vector<Expected> *want) {
+    const Bytes frame = BuildFrame(plan);
+    MBUF_S *pkt = PacketOf(frame, {plan.linkLen + 7, 1001, 3, 0, 2999});
     ASSERT_NE(pkt, nullptr);
-    SetTsoTlv(pkt, spec, HeaderDst(spec, frame));
+    SetTsoTlv(pkt, plan, HeaderDst(plan, frame));
     std::vector<MBUF_S *> segs(64, nullptr);
     std::uint32_t count = 0;
     ASSERT_EQ(MBUF_TSO_GetMbuf(pkt, segs.data(), 64 * sizeof(MBUF_S *), &count, kModule), 0u);
-    ASSERT_EQ(count, (spec.payloadLen + spec.mss - 1) / spec.mss);
+    ASSERT_EQ(count, (plan.payloadLen + plan.mss - 1) / plan.mss);
     for (std::uint32_t i = 0; i < count; ++i) {
         const Bytes seg = Flatten(segs[i]);
-        ip->emplace_back(seg.begin() + spec.linkLen, seg.end());
-        const std::uint32_t len = std::min<std::uint32_t>(spec.mss, spec.payloadLen - i * spec.mss);
-        want->push_back({"v" + std::to_string(spec.version) + " payload " +
-                             std::to_string(spec.payloadLen) + " segment " + std::to_string(i),
-                         spec.version, "1", kSeq0 + i * spec.mss, len,
+        ip->emplace_back(seg.begin() + plan.linkLen, seg.end());
+        const std::uint32_t len = std::min<std::uint32_t>(plan.mss, plan.payloadLen - i * plan.mss);
+        want->push_back({"v" + std::to_string(plan.version) + " payload " +
+                             std::to_string(plan.payloadLen) + " segment " + std::to_string(i),
+                         plan.version, "1", kSeq0 + i * plan.mss, len,
                          static_cast<std::uint16_t>(kIpId0 + i)});
         MBUF_Destroy(segs[i]);
     }
@@ -112,7 +112,7 @@ TEST_F(TsharkTest, DissectorAgreesWithEveryChecksumAndSequence) {
     if (!HaveTshark()) {
         GTEST_SKIP() << "tshark is not installed (scripts/setup.sh installs it)";
     }
-    const FrameSpec specs[] = {
+    const FramePlan specs[] = {
         {4, 14, 20, 20, 65535 - 40, 1448, 0x18},
         {4, 0, 20, 32, 5 * 1000 + 1, 1000, 0x19},
         {6, 14, 40, 20, 20000, 1440, 0x18},
@@ -120,8 +120,8 @@ TEST_F(TsharkTest, DissectorAgreesWithEveryChecksumAndSequence) {
     };
     std::vector<Bytes> ip;
     std::vector<Expected> want;
-    for (const FrameSpec &spec : specs) {
-        CutFrame(spec, &ip, &want);
+    for (const FramePlan &plan : specs) {
+        CutFrame(plan, &ip, &want);
     }
     // A witness that cannot fail proves nothing: one copy with a flipped
     // payload byte must be seen as bad.

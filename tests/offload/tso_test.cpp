@@ -16,20 +16,20 @@ class TsoTest : public HostTest {};
 constexpr std::uint32_t kTransmitRec = 7;
 
 struct Made {
-    FrameSpec spec;
+    FramePlan plan;
     Bytes frame;
     Bytes dst;
     MBUF_S *pkt = nullptr;
 };
 
-// A source packet for spec on the given split, its TLV naming dst (the
+// A source packet for plan on the given split, its TLV naming dst (the
 // header's own destination when dst is empty).
-Made MakeSource(const FrameSpec &spec, const std::vector<std::uint32_t> &sizes, Bytes dst = {}) {
-    Made m{spec, BuildFrame(spec), {}, nullptr};
-    m.dst = dst.empty() ? HeaderDst(spec, m.frame) : dst;
+Made MakeSource(const FramePlan &plan, const std::vector<std::uint32_t> &sizes, Bytes dst = {}) {
+    Made m{plan, BuildFrame(plan), {}, nullptr};
+    m.dst = dst.empty() ? HeaderDst(plan, m.frame) : dst;
     m.pkt = PacketOf(m.frame, sizes);
     if (m.pkt != nullptr) {
-        SetTsoTlv(m.pkt, spec, m.dst);
+        SetTsoTlv(m.pkt, plan, m.dst);
     }
     return m;
 }
@@ -47,7 +47,7 @@ void ExpectModelSegments(Made &m, std::uint32_t capacity, const std::string &wha
     std::uint32_t count = 12345;
     const auto bytes = static_cast<std::uint32_t>(capacity * sizeof(MBUF_S *));
     ASSERT_EQ(MBUF_TSO_GetMbuf(m.pkt, segs.data(), bytes, &count, kModule), 0u) << what;
-    const std::vector<Bytes> want = ModelSegments(m.spec, m.frame, m.dst, capacity);
+    const std::vector<Bytes> want = ModelSegments(m.plan, m.frame, m.dst, capacity);
     ASSERT_EQ(count, want.size()) << what;
     for (std::uint32_t i = 0; i < count; ++i) {
         ExpectValid(segs[i]);
@@ -62,7 +62,7 @@ void ExpectModelSegments(Made &m, std::uint32_t capacity, const std::string &wha
 
 struct FrameRow {
     const char *name;
-    FrameSpec spec;
+    FramePlan plan;
 };
 
 const std::vector<FrameRow> &Frames() {
@@ -82,7 +82,7 @@ const std::vector<FrameRow> &Frames() {
 TEST_F(TsoTest, SegmentsMatchTheModelOnEverySplit) {
     for (const FrameRow &row : Frames()) {
         for (const Split &split : Splits()) {
-            Made m = MakeSource(row.spec, split.sizes);
+            Made m = MakeSource(row.plan, split.sizes);
             ASSERT_NE(m.pkt, nullptr);
             ExpectModelSegments(m, 64, std::string(row.name) + "/" + split.name);
         }
@@ -92,26 +92,26 @@ TEST_F(TsoTest, SegmentsMatchTheModelOnEverySplit) {
 
 TEST_F(TsoTest, LargestPacketsWrapSequenceAndIdentification) {
     for (int version : {4, 6}) {
-        FrameSpec spec{version, 14, version == 4 ? 20u : 40u, 20, 0, 1448, 0x18};
-        spec.payloadLen = 65535 - spec.ipHdrLen - spec.tcpHdrLen;
-        Made m = MakeSource(spec, {54, 1448 * 3 + 7, 9000, 1});
+        FramePlan plan{version, 14, version == 4 ? 20u : 40u, 20, 0, 1448, 0x18};
+        plan.payloadLen = 65535 - plan.ipHdrLen - plan.tcpHdrLen;
+        Made m = MakeSource(plan, {54, 1448 * 3 + 7, 9000, 1});
         ASSERT_NE(m.pkt, nullptr);
         ExpectModelSegments(m, 64, "64 KiB v" + std::to_string(version));
     }
 }
 
 TEST_F(TsoTest, Ipv6ChecksumTakesTheTlvAddress) {
-    FrameSpec spec{6, 14, 40, 20, 3000, 1448, 0x18};
+    FramePlan plan{6, 14, 40, 20, 3000, 1448, 0x18};
     Bytes other(16, 0);
     other[0] = 0xFD;
     other[15] = 0x99;
-    Made m = MakeSource(spec, {100}, other);
+    Made m = MakeSource(plan, {100}, other);
     ExpectModelSegments(m, 8, "v6 with the TLV's address");
 }
 
 TEST_F(TsoTest, TransmitRecordLearnsEachSegmentsLength) {
-    FrameSpec spec{4, 14, 20, 20, 2 * 1000 + 10, 1000, 0x18};
-    Made m = MakeSource(spec, {});
+    FramePlan plan{4, 14, 20, 20, 2 * 1000 + 10, 1000, 0x18};
+    Made m = MakeSource(plan, {});
     ASSERT_EQ(MBUF_CreateControlInfo(m.pkt, kTransmitRec, 16, kModule), 0u);
     MBUF_S *segs[4] = {};
     std::uint32_t count = 0;
@@ -128,10 +128,10 @@ TEST_F(TsoTest, TransmitRecordLearnsEachSegmentsLength) {
 }
 
 TEST_F(TsoTest, ArrayTooSmallKeepsWhatFitsAndDropsTheRest) {
-    FrameSpec spec{4, 14, 20, 20, 5 * 500, 500, 0x18};
-    Made m = MakeSource(spec, {30});
+    FramePlan plan{4, 14, 20, 20, 5 * 500, 500, 0x18};
+    Made m = MakeSource(plan, {30});
     ExpectModelSegments(m, 2, "capacity 2 of 5");
-    Made one = MakeSource(spec, {});
+    Made one = MakeSource(plan, {});
     ExpectModelSegments(one, 1, "capacity 1 of 5");
 }
 
@@ -145,11 +145,11 @@ TEST_F(TsoTest, NoSegmentConsumesTheSource) {
     } rows[] = {
         {"ZeroSegNum", 3000, 0, 1448}, {"ZeroMss", 3000, 3000, 0}, {"HeaderOnly", 0, 3000, 1448}};
     for (const Row &row : rows) {
-        FrameSpec spec{4, 14, 20, 20, row.payload, row.mss, 0x18};
-        const Bytes frame = BuildFrame(spec);
+        FramePlan plan{4, 14, 20, 20, row.payload, row.mss, 0x18};
+        const Bytes frame = BuildFrame(plan);
         MBUF_S *pkt = PacketOf(frame, {});
-        spec.payloadLen = row.tlvPayload;
-        SetTsoTlv(pkt, spec, HeaderDst(spec, frame), 40 + row.payload);
+        plan.payloadLen = row.tlvPayload;
+        SetTsoTlv(pkt, plan, HeaderDst(plan, frame), 40 + row.payload);
         MBUF_TSO_CTL_INFO_S ctl{};
         ASSERT_EQ(MBUF_TSO_GetCtlInfo(pkt, &ctl), 0u);
         MBUF_S *segs[2] = {};
@@ -162,8 +162,8 @@ TEST_F(TsoTest, NoSegmentConsumesTheSource) {
 
 // Refusals before any segment: the source and the array stay as they were.
 TEST_F(TsoTest, RefusalsLeaveSourceAndArrayAlone) {
-    FrameSpec spec{4, 14, 20, 20, 3000, 1448, 0x18};
-    const Bytes frame = BuildFrame(spec);
+    FramePlan plan{4, 14, 20, 20, 3000, 1448, 0x18};
+    const Bytes frame = BuildFrame(plan);
     struct Row {
         const char *name;
         std::uint32_t ipHdrLen;  // as the TLV claims
@@ -177,11 +177,11 @@ TEST_F(TsoTest, RefusalsLeaveSourceAndArrayAlone) {
     };
     for (const Row &row : rows) {
         MBUF_S *pkt = PacketOf(frame, {7});
-        FrameSpec claimed = spec;
+        FramePlan claimed = plan;
         claimed.ipHdrLen = row.ipHdrLen;
         claimed.payloadLen = 0;
         if (row.tlv) {
-            SetTsoTlv(pkt, claimed, HeaderDst(spec, frame));
+            SetTsoTlv(pkt, claimed, HeaderDst(plan, frame));
         }
         MBUF_S *segs[8] = {};
         std::uint32_t count = 99;
@@ -205,15 +205,15 @@ TEST_F(TsoTest, HeaderSizeLimitIs512) {
     // A 512-byte header is cut; 513 is refused. The IP header is made long
     // with IPv4 options the TLV counts (the packet's own IHL is not read).
     for (std::uint32_t linkLen : {512u - 40u, 513u - 40u}) {
-        FrameSpec spec{4, linkLen, 20, 20, 2000, 1448, 0x18};
-        Made m = MakeSource(spec, {100, 300});
+        FramePlan plan{4, linkLen, 20, 20, 2000, 1448, 0x18};
+        Made m = MakeSource(plan, {100, 300});
         MBUF_S *segs[4] = {};
         std::uint32_t count = 0;
         const std::uint32_t rc = MBUF_TSO_GetMbuf(m.pkt, segs, sizeof(segs), &count, kModule);
         if (linkLen + 40 == 512) {
             EXPECT_EQ(rc, 0u);
             EXPECT_EQ(count, 2u);
-            const std::vector<Bytes> want = ModelSegments(spec, m.frame, m.dst, 4);
+            const std::vector<Bytes> want = ModelSegments(plan, m.frame, m.dst, 4);
             for (std::uint32_t i = 0; i < count; ++i) {
                 EXPECT_EQ(Flatten(segs[i]), want[i]);
             }
@@ -232,7 +232,7 @@ TEST_F(TsoTest, HeaderSizeLimitIs512) {
 // header makes the header step re-pack the source (a node of its own, which
 // the source keeps), so there the count is checked after the source is gone.
 TEST_F(TsoTest, AllocationFailureAnywhereRollsBack) {
-    const FrameSpec spec{4, 14, 20, 20, 4 * 700 + 3, 700, 0x18};
+    const FramePlan plan{4, 14, 20, 20, 4 * 700 + 3, 700, 0x18};
     const struct {
         const char *name;
         std::vector<std::uint32_t> split;
@@ -243,7 +243,7 @@ TEST_F(TsoTest, AllocationFailureAnywhereRollsBack) {
     for (const auto &row : rows) {
         std::uint32_t failed = 0;
         for (std::uint32_t nth = 1;; ++nth) {
-            Made m = MakeSource(spec, row.split);
+            Made m = MakeSource(plan, row.split);
             if (row.bigRecord) {
                 ASSERT_EQ(MBUF_CreateControlInfo(m.pkt, 5, 400, kModule), 0u);
             }
@@ -253,7 +253,7 @@ TEST_F(TsoTest, AllocationFailureAnywhereRollsBack) {
             const std::uint32_t rc = MBUF_TSO_GetMbuf(m.pkt, segs, sizeof(segs), &count, kModule);
             KRM_HOST_FailNthAlloc(0);
             if (rc == 0) {
-                const std::vector<Bytes> want = ModelSegments(spec, m.frame, m.dst, 8);
+                const std::vector<Bytes> want = ModelSegments(plan, m.frame, m.dst, 8);
                 ASSERT_EQ(count, want.size()) << row.name;
                 for (std::uint32_t i = 0; i < count; ++i) {
                     EXPECT_EQ(Flatten(segs[i]), want[i]) << row.name;
@@ -277,8 +277,8 @@ TEST_F(TsoTest, AllocationFailureAnywhereRollsBack) {
 }
 
 TEST_F(TsoTest, ControlRecordFromTheTlv) {
-    FrameSpec spec{6, 10, 40, 20, 3001, 1000, 0x18};
-    Made m = MakeSource(spec, {});
+    FramePlan plan{6, 10, 40, 20, 3001, 1000, 0x18};
+    Made m = MakeSource(plan, {});
     MBUF_TSO_CTL_INFO_S ctl{};
     ASSERT_EQ(MBUF_TSO_GetCtlInfo(m.pkt, &ctl), 0u);
     EXPECT_EQ(ctl.usIpOffset, 10u);
@@ -361,8 +361,8 @@ TEST_F(TsoTest, UpdateMssTlvRewritesOrReports) {
 
 // The steps called one by one, with arguments the cut itself never passes.
 TEST_F(TsoTest, StepsRefuseWhatWouldStepOutside) {
-    FrameSpec spec{4, 14, 20, 20, 1000, 500, 0x18};
-    Made m = MakeSource(spec, {40});
+    FramePlan plan{4, 14, 20, 20, 1000, 500, 0x18};
+    Made m = MakeSource(plan, {40});
     MBUF_TSO_CTL_INFO_S ctl{};
     ASSERT_EQ(MBUF_TSO_GetCtlInfo(m.pkt, &ctl), 0u);
     std::uint8_t hdr[64];

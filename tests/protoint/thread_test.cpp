@@ -92,7 +92,8 @@ TEST_F(ProtoIntThreadTest, SharedSessionsCountEveryPacket) {
         for (std::size_t t = 0; t < std::size(kinds); ++t) {
             (kinds[t] == 0 ? sent : received) += tallies[t].recorded[id];
         }
-        EXPECT_EQ(sent + received, std::size(kinds) * kRounds / 4) << "every stable packet recorded";
+        EXPECT_EQ(sent + received, std::size(kinds) * kRounds / 4)
+            << "every stable packet recorded";
         const MBUF_PROTOINT_SESS_S &s = *ctx->apstSess[id - 1];
         EXPECT_EQ(s.stSnd.stCnt.ulCount, sent) << id;
         EXPECT_EQ(s.stSnd.stCnt.ulSndSeq, sent) << id << ": every send handed out one number";

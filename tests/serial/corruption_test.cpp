@@ -21,10 +21,10 @@ struct CorruptRow {
 
 std::vector<CorruptRow> Rows() {
     std::vector<CorruptRow> rows;
-    for (const PacketSpec &spec : krm::golden::Packets()) {
+    for (const PacketPlan &plan : krm::golden::Packets()) {
         for (const char *order : {"le", "be"}) {
-            rows.push_back({krm::golden::FileName(spec, order, "tlv"), Kind::Tlv});
-            rows.push_back({krm::golden::FileName(spec, order, "img"), Kind::Image});
+            rows.push_back({krm::golden::FileName(plan, order, "tlv"), Kind::Tlv});
+            rows.push_back({krm::golden::FileName(plan, order, "img"), Kind::Image});
         }
     }
     return rows;

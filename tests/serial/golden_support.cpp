@@ -31,15 +31,15 @@ Bytes InitialComm() {
     return krm::golden::Image(MBUF_CTL_COMM_LEN, {{24, 4, 0xFFFFFFFFu}, {28, 4, 0xFFFFFFFFu}});
 }
 
-::testing::AssertionResult RecordsMatch(MBUF_S *pstMbuf, const PacketSpec &spec) {
+::testing::AssertionResult RecordsMatch(MBUF_S *pstMbuf, const PacketPlan &plan) {
     const Bytes comm =
-        spec.comm.empty() ? InitialComm() : krm::golden::Image(MBUF_CTL_COMM_LEN, spec.comm);
+        plan.comm.empty() ? InitialComm() : krm::golden::Image(MBUF_CTL_COMM_LEN, plan.comm);
     if (RecordBytes(pstMbuf, MBUF_CTL_COMM, MBUF_CTL_COMM_LEN) != comm) {
         return ::testing::AssertionFailure() << "common record differs";
     }
     for (std::uint32_t t = 1; t < MBUF_CTL_TYPE_NUM; ++t) {
-        const krm::golden::RecordSpec *want = nullptr;
-        for (const auto &rec : spec.records) {
+        const krm::golden::RecordPlan *want = nullptr;
+        for (const auto &rec : plan.records) {
             want = rec.type == t ? &rec : want;
         }
         const bool bPresent = MBUF_GetControlInfo(pstMbuf, t) != nullptr;
@@ -58,7 +58,7 @@ Bytes InitialComm() {
 
 }  // namespace
 
-::testing::AssertionResult MatchesSpec(MBUF_S *pstMbuf, const PacketSpec &spec, bool bImage) {
+::testing::AssertionResult MatchesPlan(MBUF_S *pstMbuf, const PacketPlan &plan, bool bImage) {
     if (pstMbuf == nullptr) {
         return ::testing::AssertionFailure() << "no packet";
     }
@@ -66,19 +66,19 @@ Bytes InitialComm() {
     if (!valid) {
         return valid;
     }
-    if (krm::test::PacketBytes(pstMbuf) != krm::golden::Data(spec) ||
-        pstMbuf->ulTotalDataLen != spec.dataLen) {
+    if (krm::test::PacketBytes(pstMbuf) != krm::golden::Data(plan) ||
+        pstMbuf->ulTotalDataLen != plan.dataLen) {
         return ::testing::AssertionFailure() << "data differs";
     }
     const std::uint32_t words[] = {pstMbuf->ulPktRsv,     pstMbuf->ulTotalDataLen, pstMbuf->ulFlag3,
                                    pstMbuf->ulPktTagInfo, pstMbuf->ulPktRsv2,      pstMbuf->ulFlag2,
                                    pstMbuf->ulPktRsv3};
     for (std::uint32_t i = 0; i < krm::golden::kHdrWordNum; ++i) {
-        if ((bImage || i == krm::golden::kFlag2) && words[i] != spec.words[i]) {
+        if ((bImage || i == krm::golden::kFlag2) && words[i] != plan.words[i]) {
             return ::testing::AssertionFailure() << "header word " << i << " is " << words[i];
         }
     }
-    return RecordsMatch(pstMbuf, spec);
+    return RecordsMatch(pstMbuf, plan);
 }
 
 Bytes StreamOf(MBUF_S *pstMbuf) {

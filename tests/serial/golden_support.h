@@ -9,7 +9,7 @@
 
 namespace krm::serialtest {
 
-using krm::golden::PacketSpec;
+using krm::golden::PacketPlan;
 
 // The golden directory, found from this source file's own place.
 std::string GoldenDir();
@@ -18,7 +18,7 @@ Bytes ReadFile(const std::string &path);
 // The packet holds exactly what the description says: its data, the flag word
 // (and, from an image, all seven header words), the common record and every
 // record byte for byte, and no other record.
-::testing::AssertionResult MatchesSpec(MBUF_S *pstMbuf, const PacketSpec &spec, bool bImage);
+::testing::AssertionResult MatchesPlan(MBUF_S *pstMbuf, const PacketPlan &plan, bool bImage);
 
 // The written form of a packet: its TLV stream as long as the head says, or
 // its serial image.

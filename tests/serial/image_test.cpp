@@ -38,19 +38,19 @@ TEST_F(ImageTest, SizesAndArguments) {
 // The block's code: 0 and this host's are local; the image of data only
 // (length D + 4) gives the data and nothing else.
 TEST_F(ImageTest, LocalCodesAndDataOnlyImages) {
-    const PacketSpec spec = krm::golden::Packets()[1];
-    MBUF_S *src = Keep(krm::golden::Build(spec, kModule));
+    const PacketPlan plan = krm::golden::Packets()[1];
+    MBUF_S *src = Keep(krm::golden::Build(plan, kModule));
     ASSERT_NE(src, nullptr);
     for (const uint8_t ucCode : {uint8_t{0}, uint8_t{MBUF_BYTEORDER_HOST}}) {
         Bytes img = ImageOf(src);
-        img[4 + spec.dataLen + offsetof(MBUF_CONTROL_BLK_S, ucByteOrder)] = ucCode;
-        EXPECT_TRUE(MatchesSpec(Read(img), spec, true)) << int{ucCode};
+        img[4 + plan.dataLen + offsetof(MBUF_CONTROL_BLK_S, ucByteOrder)] = ucCode;
+        EXPECT_TRUE(MatchesPlan(Read(img), plan, true)) << int{ucCode};
     }
     Bytes img = ImageOf(src);
-    img.resize(4 + spec.dataLen);
+    img.resize(4 + plan.dataLen);
     MBUF_S *pkt = Read(img);
     ASSERT_NE(pkt, nullptr);
-    EXPECT_EQ(krm::test::PacketBytes(pkt), krm::golden::Data(spec));
+    EXPECT_EQ(krm::test::PacketBytes(pkt), krm::golden::Data(plan));
     EXPECT_EQ(MBUF_GetControlInfo(pkt, MBUF_CTL_IP), nullptr);
     EXPECT_TRUE(Reports().empty());
 }
@@ -73,8 +73,8 @@ TEST_F(ImageTest, DataLengthBeyondTheImage) {
 // A received block larger than the inline one replaces it by a block of the
 // received capacity; the failing allocation destroys the packet.
 TEST_F(ImageTest, LargerReceivedCapacityReplacesTheBlock) {
-    const PacketSpec spec = krm::golden::Packets()[4];
-    MBUF_S *src = Keep(krm::golden::Build(spec, kModule));
+    const PacketPlan plan = krm::golden::Packets()[4];
+    MBUF_S *src = Keep(krm::golden::Build(plan, kModule));
     ASSERT_NE(src, nullptr);
     ASSERT_GT(src->pstCtlInfo->usCapacity, MBUF_CTL_INIT_CAPACITY);
     Bytes img = ImageOf(src);
@@ -85,7 +85,7 @@ TEST_F(ImageTest, LargerReceivedCapacityReplacesTheBlock) {
             if (pkt == nullptr) {
                 return false;
             }
-            EXPECT_TRUE(MatchesSpec(pkt, spec, true));
+            EXPECT_TRUE(MatchesPlan(pkt, plan, true));
             EXPECT_EQ(pkt->pstCtlInfo->usCapacity, src->pstCtlInfo->usCapacity);
             EXPECT_EQ(KRM_DbufLengthGET(pkt->pstCtlInfo), 184u + src->pstCtlInfo->usCapacity);
             MBUF_Destroy(pkt);
@@ -144,17 +144,17 @@ TEST_F(ImageTest, OtherSlotCountIsUpgraded) {
 // A block cut short, or header words cut short, is left alone: the packet
 // keeps what lies inside the image.
 TEST_F(ImageTest, CutBlocksAndWordsAreNotTaken) {
-    const PacketSpec spec = krm::golden::Packets()[1];
-    MBUF_S *src = Keep(krm::golden::Build(spec, kModule));
+    const PacketPlan plan = krm::golden::Packets()[1];
+    MBUF_S *src = Keep(krm::golden::Build(plan, kModule));
     const Bytes full = ImageOf(src);
-    const uint32_t ulBlk = 4 + spec.dataLen;
+    const uint32_t ulBlk = 4 + plan.dataLen;
     const uint32_t ulWords = static_cast<uint32_t>(full.size()) - 28;
     for (const uint32_t ulLen : {ulBlk + 10, ulBlk + 91, ulBlk + 200, ulWords - 1, ulWords + 27}) {
         Bytes img(full.begin(), full.begin() + ulLen);
         MBUF_S *pkt = Read(img);
         ASSERT_NE(pkt, nullptr) << ulLen;
         ExpectValid(pkt);
-        EXPECT_EQ(krm::test::PacketBytes(pkt), krm::golden::Data(spec));
+        EXPECT_EQ(krm::test::PacketBytes(pkt), krm::golden::Data(plan));
         const bool bBlockTaken = ulLen >= ulWords;
         EXPECT_EQ(MBUF_GetControlInfo(pkt, MBUF_CTL_IP) != nullptr, bBlockTaken) << ulLen;
         EXPECT_EQ(pkt->ulFlag2, 0u) << ulLen;

@@ -12,7 +12,7 @@ using krm::test::ChainShape;
 
 // The records every shape carries: fixed, TLV and stack-debug records and a
 // block that outgrows the inline area.
-std::vector<krm::golden::RecordSpec> Records() {
+std::vector<krm::golden::RecordPlan> Records() {
     return {krm::golden::IpRecord(),      krm::golden::MplsRecord(),
             krm::golden::LinkRecord(),    krm::golden::TimeStampRecord(),
             krm::golden::PktSendRecord(), krm::golden::StackDebugRecord(),

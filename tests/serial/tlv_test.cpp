@@ -8,7 +8,7 @@ namespace krm::serialtest {
 namespace {
 
 // A stream built by hand: count and length are computed unless overridden.
-struct StreamSpec {
+struct StreamPlan {
     Bytes data;
     std::vector<std::pair<std::uint16_t, Bytes>> records;  // type, value
     std::uint32_t flag2 = 0x01020304u;
@@ -17,7 +17,7 @@ struct StreamSpec {
     std::uint16_t dataType = 0xFFFF;
 };
 
-Bytes Build(const StreamSpec &s) {
+Bytes Build(const StreamPlan &s) {
     Bytes b(20, 0);
     Put32(b, 4, MBUF_TLV_PROBE);
     Put32(b, 8, s.flag2);
@@ -71,8 +71,8 @@ TEST_F(TlvTest, SmallPacketWithTheCommonRecordOnly) {
 // that fit are written in ascending type, the first that does not ends the
 // list with its report, and count and length describe what is there.
 TEST_F(TlvTest, ShortBufferKeepsTheRecordsThatFit) {
-    const PacketSpec spec = krm::golden::Packets()[1];
-    MBUF_S *pkt = Keep(krm::golden::Build(spec, kModule));
+    const PacketPlan plan = krm::golden::Packets()[1];
+    MBUF_S *pkt = Keep(krm::golden::Build(plan, kModule));
     ASSERT_NE(pkt, nullptr);
     std::vector<std::pair<uint32_t, uint32_t>> lens{{0, 84}};  // type, L in ascending type
     for (uint32_t t = 1; t < 23; ++t) {
@@ -80,7 +80,7 @@ TEST_F(TlvTest, ShortBufferKeepsTheRecordsThatFit) {
             lens.push_back({t, MBUF_GetCtlLen(pkt, t)});
         }
     }
-    const uint32_t ulDataEnd = 20 + spec.dataLen;
+    const uint32_t ulDataEnd = 20 + plan.dataLen;
     for (uint32_t ulBuf = ulDataEnd; ulBuf <= MBUF_CalcMbuf2TlvLen(pkt); ++ulBuf) {
         KRM_HOST_ReportClear();
         Bytes buf(ulBuf, 0);
@@ -142,7 +142,7 @@ TEST_F(TlvTest, WriterRefusesEmptyAndWrappingLengths) {
 
 struct ReadRow {
     const char *name;
-    StreamSpec stream;
+    StreamPlan stream;
     std::uint32_t cut;  // bytes taken off the end
     bool packet;
     std::vector<std::uint32_t> present;  // record types read
@@ -175,14 +175,14 @@ TEST_P(TlvReadTest, ReaderStopsWhereTheStreamBreaks) {
     }
 }
 
-StreamSpec WithRecords(std::vector<std::pair<std::uint16_t, Bytes>> recs) {
-    StreamSpec s;
+StreamPlan WithRecords(std::vector<std::pair<std::uint16_t, Bytes>> recs) {
+    StreamPlan s;
     s.data = Counting(30, 1);
     s.records = std::move(recs);
     return s;
 }
 
-StreamSpec Patched(StreamSpec s, int count, int len, std::uint16_t dataType = 0xFFFF) {
+StreamPlan Patched(StreamPlan s, int count, int len, std::uint16_t dataType = 0xFFFF) {
     s.countOverride = count;
     s.lenOverride = len;
     s.dataType = dataType;

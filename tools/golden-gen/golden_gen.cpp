@@ -49,22 +49,22 @@ int main(int argc, char **argv) {
     }
     const std::string dir = argv[1];
     const char *order = krm::golden::HostOrderName();
-    for (const krm::golden::PacketSpec &spec : krm::golden::Packets()) {
-        MBUF_S *pkt = krm::golden::Build(spec, kModule);
+    for (const krm::golden::PacketPlan &plan : krm::golden::Packets()) {
+        MBUF_S *pkt = krm::golden::Build(plan, kModule);
         if (pkt == nullptr) {
-            std::fprintf(stderr, "%s: cannot build\n", spec.name);
+            std::fprintf(stderr, "%s: cannot build\n", plan.name);
             return 1;
         }
         const std::vector<std::uint8_t> tlv = Stream(pkt);
         const std::vector<std::uint8_t> img = Image(pkt);
         MBUF_Destroy(pkt);
         if (tlv.empty() || img.empty() ||
-            !WriteFile(dir + "/" + krm::golden::FileName(spec, order, "tlv"), tlv) ||
-            !WriteFile(dir + "/" + krm::golden::FileName(spec, order, "img"), img)) {
-            std::fprintf(stderr, "%s: cannot write\n", spec.name);
+            !WriteFile(dir + "/" + krm::golden::FileName(plan, order, "tlv"), tlv) ||
+            !WriteFile(dir + "/" + krm::golden::FileName(plan, order, "img"), img)) {
+            std::fprintf(stderr, "%s: cannot write\n", plan.name);
             return 1;
         }
-        std::printf("%s: tlv %zu bytes, image %zu bytes (%s)\n", spec.name, tlv.size(), img.size(),
+        std::printf("%s: tlv %zu bytes, image %zu bytes (%s)\n", plan.name, tlv.size(), img.size(),
                     order);
     }
     return 0;

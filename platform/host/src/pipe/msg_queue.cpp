@@ -75,8 +75,8 @@ std::uint32_t Bind(std::uint32_t id, const char *path, bool listen) {
         return KRM_HOST_PIPE_ERR_BUSY;
     }
     lock.unlock();
-    const LinkSpec spec{id, FrameType::kMessage, "message queue", DeliverMsg, NoCount};
-    std::shared_ptr<Link> link = listen ? LinkListen(spec, path) : LinkConnect(spec, path);
+    const LinkPlan plan{id, FrameType::kMessage, "message queue", DeliverMsg, NoCount};
+    std::shared_ptr<Link> link = listen ? LinkListen(plan, path) : LinkConnect(plan, path);
     if (link == nullptr) {
         return KRM_HOST_PIPE_ERR_SOCKET;
     }

@@ -135,7 +135,7 @@ using RefuseFn = void (*)(std::uint32_t id);
 // finish its send while the pipe is being closed.
 class Link;
 
-struct LinkSpec {
+struct LinkPlan {
     std::uint32_t id;
     FrameType type;     // the only frame type the link accepts
     const char *noun;   // "pipe" or "message queue", for reports
@@ -144,8 +144,8 @@ struct LinkSpec {
 };
 
 // nullptr when the socket cannot be bound or connected.
-std::shared_ptr<Link> LinkListen(const LinkSpec &spec, const char *path);
-std::shared_ptr<Link> LinkConnect(const LinkSpec &spec, const char *path);
+std::shared_ptr<Link> LinkListen(const LinkPlan &plan, const char *path);
+std::shared_ptr<Link> LinkConnect(const LinkPlan &plan, const char *path);
 
 // Sends one frame to the peer; false when there is none or the send failed.
 bool LinkSend(Link *link, const std::vector<unsigned char> &frame);

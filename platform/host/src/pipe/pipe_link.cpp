@@ -28,8 +28,8 @@ namespace krm::host::pipe {
 
 class Link {
   public:
-    Link(const LinkSpec &spec, int listenFd, int connFd, std::string path)
-        : spec_(spec), listenFd_(listenFd), connFd_(connFd), path_(std::move(path)) {}
+    Link(const LinkPlan &plan, int listenFd, int connFd, std::string path)
+        : plan_(plan), listenFd_(listenFd), connFd_(connFd), path_(std::move(path)) {}
     Link(const Link &) = delete;
     Link &operator=(const Link &) = delete;
     ~Link();
@@ -47,7 +47,7 @@ class Link {
     void Refuse(FrameFault fault, const char *why, std::uint32_t got, std::uint32_t want);
     void DropPeer();
 
-    LinkSpec spec_;
+    LinkPlan plan_;
     int listenFd_;
     int connFd_;  // guarded by sendMu_; closed only by the link's thread
     std::string path_;
@@ -223,7 +223,7 @@ bool Link::ReadFrame(int fd) {
     Package pkg;
     FrameFault fault = DecodeBody(head, body, &pkg, &why);
     if (fault == FrameFault::kOk &&
-        (head.type != static_cast<std::uint32_t>(spec_.type) || head.id != spec_.id)) {
+        (head.type != static_cast<std::uint32_t>(plan_.type) || head.id != plan_.id)) {
         ReleasePackage(&pkg);
         fault = FrameFault::kInconsistent;
         why = "meant for another pipe or service";
@@ -232,15 +232,15 @@ bool Link::ReadFrame(int fd) {
         Refuse(fault, why, head.total, head.total);
         return true;
     }
-    spec_.deliver(spec_.id, head, &pkg);
+    plan_.deliver(plan_.id, head, &pkg);
     return true;
 }
 
 void Link::Refuse(FrameFault fault, const char *why, std::uint32_t got, std::uint32_t want) {
     PlatformReport(kReportFile, 401,
                    "%s %" PRIu32 ": frame refused whole: %s, %s (%" PRIu32 " of %" PRIu32 " bytes)",
-                   spec_.noun, spec_.id, FrameFaultText(fault), why, got, want);
-    spec_.refuse(spec_.id);
+                   plan_.noun, plan_.id, FrameFaultText(fault), why, got, want);
+    plan_.refuse(plan_.id);
 }
 
 bool Link::Send(const std::vector<unsigned char> &frame) {
@@ -259,7 +259,7 @@ bool Link::Send(const std::vector<unsigned char> &frame) {
     return connFd_ >= 0 && sent == frame.size();
 }
 
-std::shared_ptr<Link> LinkListen(const LinkSpec &spec, const char *path) {
+std::shared_ptr<Link> LinkListen(const LinkPlan &plan, const char *path) {
     sockaddr_un addr;
     if (!MakeAddress(path, &addr)) {
         return nullptr;
@@ -271,11 +271,11 @@ std::shared_ptr<Link> LinkListen(const LinkSpec &spec, const char *path) {
         CloseFd(&fd);
         return nullptr;
     }
-    auto link = std::make_shared<Link>(spec, fd, -1, path);
+    auto link = std::make_shared<Link>(plan, fd, -1, path);
     return link->Start() ? link : nullptr;
 }
 
-std::shared_ptr<Link> LinkConnect(const LinkSpec &spec, const char *path) {
+std::shared_ptr<Link> LinkConnect(const LinkPlan &plan, const char *path) {
     sockaddr_un addr;
     if (!MakeAddress(path, &addr)) {
         return nullptr;
@@ -285,7 +285,7 @@ std::shared_ptr<Link> LinkConnect(const LinkSpec &spec, const char *path) {
         CloseFd(&fd);
         return nullptr;
     }
-    auto link = std::make_shared<Link>(spec, -1, fd, std::string());
+    auto link = std::make_shared<Link>(plan, -1, fd, std::string());
     return link->Start() ? link : nullptr;
 }
 

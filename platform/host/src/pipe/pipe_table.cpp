@@ -61,9 +61,9 @@ uint32_t Bind(std::uint32_t id, const char *path, bool listen) {
     if (p->link != nullptr) {
         return KRM_HOST_PIPE_ERR_BUSY;
     }
-    const LinkSpec spec{id, FrameType::kPackage, "pipe", DeliverPackage, CountRefused};
+    const LinkPlan plan{id, FrameType::kPackage, "pipe", DeliverPackage, CountRefused};
     lock.unlock();
-    std::shared_ptr<Link> link = listen ? LinkListen(spec, path) : LinkConnect(spec, path);
+    std::shared_ptr<Link> link = listen ? LinkListen(plan, path) : LinkConnect(plan, path);
     if (link == nullptr) {
         return KRM_HOST_PIPE_ERR_SOCKET;
     }
