@@ -170,7 +170,8 @@ INSTANTIATE_TEST_SUITE_P(Shapes, TraceMatchTest, ::testing::ValuesIn(StandardSha
 TEST_F(TraceTest, AWordAcrossANodeBoundaryNeverMatchesAndOneInsideIsRead) {
     SentPacket sent({InlineNode(12, 6), InlineNode(40)}, 5);
     EXPECT_EQ(sent.Judge({{8, 0xFFFFFFFFu, WordAt(Payload(52, 5), 8)}}), 0u);
-    EXPECT_EQ(sent.Judge({{10, 0, 0}}), 1u);  // any data at all: still no match
+    EXPECT_EQ(sent.Judge({{9, 0, 0}}), 1u);  // one byte over: any data at all, still no match
+    EXPECT_EQ(sent.Judge({{10, 0, 0}}), 1u);
     EXPECT_EQ(sent.Judge({{52, 0, 0}}), 1u);  // beyond the packet's end
 }
 
