@@ -4,7 +4,6 @@
 #include <gtest/gtest.h>
 
 #include <cstring>
-#include <functional>
 #include <string>
 
 #include "protoint_support.h"
@@ -167,87 +166,83 @@ TEST_F(ContextTest, EnableKeepsHistoryDeleteForgetsIt) {
 }
 
 // One row per way a lock call can fail inside an operation: which call
-// fails, what the operation returns, what it reports, and what must hold
+// fails, what the operation returns, the line it reports at (with the text
+// of a session lock unless given; 0: no report), and what must hold
 // afterwards (the state untouched and no mutex left held, which the probe
 // checks by taking both locks of the session again).
+using Ctx = MBUF_PROTOINT_CTX_S;
 struct LockFault {
     const char *name;
     KRM_HOST_MUTEX_OP_E op;
     std::uint32_t nth;
-    std::function<std::int64_t(MBUF_PROTOINT_CTX_S *, MBUF_S *)> run;
+    std::int64_t (*run)(Ctx *, MBUF_S *, char *);
     std::int64_t result;
-    std::vector<Report> reports;
+    std::uint32_t line;
+    const char *text = "MBUF PROTOINT LockSess lock ERR sessId=6, ret = ";
 };
 
-std::vector<Report> LockErr(std::uint32_t line) {
-    return {AssertReport(kMod, line,
-                         Ret("MBUF PROTOINT LockSess lock ERR sessId=6, ret = ", kInjected))};
+std::int64_t Lock(Ctx *c, std::uint32_t dir) {
+    return MBUF_PROTOINT_LockSess(6, dir, c);
+}
+std::int64_t Print(Ctx *c, char *text) {
+    return MBUF_PROTOINT_PrintLog(text, 1024, 6, c);
 }
 
 TEST_F(ContextTest, EveryLockFailurePath) {
-    char text[1024];
+    constexpr auto kLock = KRM_HOST_MUTEX_LOCK;
     const LockFault rows[] = {
-        {"send lock", KRM_HOST_MUTEX_LOCK, 1,
-         [](auto *c, auto *) { return MBUF_PROTOINT_LockSess(6, 1, c); }, 4, LockErr(182)},
-        {"receive lock", KRM_HOST_MUTEX_LOCK, 1,
-         [](auto *c, auto *) { return MBUF_PROTOINT_LockSess(6, 2, c); }, 4, LockErr(192)},
-        {"both, first", KRM_HOST_MUTEX_LOCK, 1,
-         [](auto *c, auto *) { return MBUF_PROTOINT_LockSess(6, 9, c); }, 4, LockErr(182)},
-        {"both, second", KRM_HOST_MUTEX_LOCK, 2,
-         [](auto *c, auto *) { return MBUF_PROTOINT_LockSess(6, 0, c); }, 4, LockErr(192)},
-        {"enable", KRM_HOST_MUTEX_LOCK, 2,
-         [](auto *c, auto *) { return MBUF_PROTOINT_EnableSession(6, c); }, 4, LockErr(192)},
-        {"delete", KRM_HOST_MUTEX_LOCK, 1,
-         [](auto *c, auto *) { return MBUF_PROTOINT_DeleteSession(6, c); }, 4, LockErr(182)},
-        {"record", KRM_HOST_MUTEX_LOCK, 1,
-         [](auto *c, auto *p) {
+        {"send lock", kLock, 1, [](Ctx *c, MBUF_S *, char *) { return Lock(c, 1); }, 4, 182},
+        {"receive lock", kLock, 1, [](Ctx *c, MBUF_S *, char *) { return Lock(c, 2); }, 4, 192},
+        {"both, first", kLock, 1, [](Ctx *c, MBUF_S *, char *) { return Lock(c, 9); }, 4, 182},
+        {"both, second", kLock, 2, [](Ctx *c, MBUF_S *, char *) { return Lock(c, 0); }, 4, 192},
+        {"enable", kLock, 2,
+         [](Ctx *c, MBUF_S *, char *) -> std::int64_t { return MBUF_PROTOINT_EnableSession(6, c); },
+         4, 192},
+        {"delete", kLock, 1,
+         [](Ctx *c, MBUF_S *, char *) -> std::int64_t { return MBUF_PROTOINT_DeleteSession(6, c); },
+         4, 182},
+        {"record", kLock, 1,
+         [](Ctx *c, MBUF_S *p, char *) -> std::int64_t {
              std::uint32_t out = 5;
              return MBUF_PROTOINT_RecordPacket(p, 1, &out, c) * 100 + out;
          },
-         0, LockErr(192)},
-        {"record, suppression",
-         KRM_HOST_MUTEX_LOCK,
-         2,
-         [](auto *c, auto *p) { return MBUF_PROTOINT_RecordPacket(p, 3, nullptr, c); },
-         0,
-         {AssertReport(kMod, 420, Ret("REC SUPPRESS lock mtx err. ret = ", kInjected))}},
-        {"print, first", KRM_HOST_MUTEX_LOCK, 1,
-         [&text](auto *c, auto *) { return MBUF_PROTOINT_PrintLog(text, sizeof(text), 6, c); }, -2,
-         LockErr(182)},
-        {"print, second", KRM_HOST_MUTEX_LOCK, 2,
-         [&text](auto *c, auto *) { return MBUF_PROTOINT_PrintLog(text, sizeof(text), 6, c); }, -2,
-         LockErr(192)},
-        {"unlock",
-         KRM_HOST_MUTEX_UNLOCK,
-         1,
-         [](auto *c, auto *) {
+         0, 192},
+        {"record, suppression", kLock, 2,
+         [](Ctx *c, MBUF_S *p, char *) -> std::int64_t {
+             return MBUF_PROTOINT_RecordPacket(p, 3, nullptr, c);
+         },
+         0, 420, "REC SUPPRESS lock mtx err. ret = "},
+        {"print, first", kLock, 1, [](Ctx *c, MBUF_S *, char *t) { return Print(c, t); }, -2, 182},
+        {"print, second", kLock, 2, [](Ctx *c, MBUF_S *, char *t) { return Print(c, t); }, -2, 192},
+        // The refused unlock leaves the mutex held: it is released for real.
+        {"unlock", KRM_HOST_MUTEX_UNLOCK, 1,
+         [](Ctx *c, MBUF_S *, char *) -> std::int64_t {
              const std::uint32_t lock = MBUF_PROTOINT_LockSess(6, 1, c);
              const std::uint32_t unlock = MBUF_PROTOINT_UnlockSess(6, 1, c);
-             // The refused unlock left the mutex held: release it for real.
              return lock * 100 + unlock * 10 + MBUF_PROTOINT_UnlockSess(6, 1, c);
          },
-         40,
-         {}},
+         40, 0},
     };
+    char text[1024];
     for (const LockFault &row : rows) {
         KRM_HOST_Reset();
-        KRM_HOST_SetTickHz(kTickHz);
+        KRM_HOST_SetTickHz(1000);
         MBUF_PROTOINT_CTX_S *ctx = NewCtx(1);
         ASSERT_EQ(MBUF_PROTOINT_EnableSession(6, ctx), 0u);
         // The packet continues a sequence with a gap, so recording it asks the
         // suppression clock.
-        MBUF_S *p = Stamped(ctx, 6, 80, 1);
-        ASSERT_EQ(MBUF_PROTOINT_RecordPacket(p, 3, nullptr, ctx), 0u);
-        p = Stamped(ctx, 6, 80, 7);
+        ASSERT_EQ(Record(ctx, 6, 3, 80, 1), 0u);
+        MBUF_S *p = Stamped(ctx, 6, 80, 7);
         const MBUF_PROTOINT_SESS_S before = *ctx->apstSess[5];
         const std::uint64_t lastReport = ctx->ullLastReport;
         KRM_HOST_FailNthMutexOp(row.op, row.nth);
-        EXPECT_EQ(row.run(ctx, p), row.result) << row.name;
-        EXPECT_EQ(Reports(), row.reports) << row.name;
+        EXPECT_EQ(row.run(ctx, p, text), row.result) << row.name;
+        const std::vector<Report> want = {AssertReport(kMod, row.line, Ret(row.text, kInjected))};
+        EXPECT_EQ(Reports(), row.line == 0 ? std::vector<Report>{} : want) << row.name;
         EXPECT_EQ(ctx->ullLastReport, lastReport) << row.name;
-        if (std::string(row.name) != "record, suppression") {
+        if (row.line != 420) {
             ASSERT_NE(ctx->apstSess[5], nullptr) << row.name;
-            EXPECT_EQ(std::memcmp(ctx->apstSess[5], &before, sizeof(before)), 0) << row.name;
+            EXPECT_EQ(Bytes(*ctx->apstSess[5]), Bytes(before)) << row.name;
         }
         EXPECT_EQ(MBUF_PROTOINT_LockSess(6, 0, ctx), 0u) << row.name << ": a mutex was left held";
         EXPECT_EQ(MBUF_PROTOINT_UnlockSess(6, 0, ctx), 0u) << row.name;
@@ -259,50 +254,29 @@ TEST_F(ContextTest, EveryLockFailurePath) {
 
 // Teardown goes on past every failing mutex call and reports each with its
 // own text. A refused unlock leaves its mutex held, so destroying it fails
-// too; a refused destroy leaves it alive. Nothing else is left behind.
+// too (the host's answer to destroying a held mutex is 3); a refused destroy
+// leaves it alive. Nothing else is left behind.
 TEST_F(ContextTest, TeardownReportsEveryFailingMutexCall) {
-    const std::uint32_t kLogCall = 2 * 4096 + 1;  // the log mutex comes after every session
-    const std::string busy = "3";                 // the host's answer to destroying a held mutex
+    const std::uint32_t kLog = 2 * 4096 + 1;  // the log mutex comes after every session
     const std::string inj = std::to_string(kInjected);
-    struct Row {
+    const auto r = [](std::uint32_t line, const std::string &what, const std::string &ret) {
+        return AssertReport(kMod, line, "MBUF PROTOINT uninit " + what + " mtx, ret = " + ret);
+    };
+    const struct {
         KRM_HOST_MUTEX_OP_E op;
         std::uint32_t nth;
         std::vector<Report> reports;
         std::uint32_t leftAlive;
+    } rows[] = {
+        {KRM_HOST_MUTEX_LOCK, 1, {r(141, "lock sess", inj)}, 0},
+        {KRM_HOST_MUTEX_LOCK, 4096, {r(141, "lock sess", inj)}, 0},
+        {KRM_HOST_MUTEX_UNLOCK, 1, {r(147, "unlock sess", inj), r(152, "destroy sess", "3")}, 1},
+        {KRM_HOST_MUTEX_DESTROY, 2, {r(152, "destroy sess", inj)}, 1},
+        {KRM_HOST_MUTEX_LOCK, kLog, {r(160, "lock log", inj)}, 0},
+        {KRM_HOST_MUTEX_UNLOCK, kLog, {r(164, "unlock log", inj), r(168, "destory log", "3")}, 1},
+        {KRM_HOST_MUTEX_DESTROY, kLog, {r(168, "destory log", inj)}, 1},
     };
-    const Row rows[] = {
-        {KRM_HOST_MUTEX_LOCK,
-         1,
-         {AssertReport(kMod, 141, "MBUF PROTOINT uninit lock sess mtx, ret = " + inj)},
-         0},
-        {KRM_HOST_MUTEX_LOCK,
-         4096,
-         {AssertReport(kMod, 141, "MBUF PROTOINT uninit lock sess mtx, ret = " + inj)},
-         0},
-        {KRM_HOST_MUTEX_UNLOCK,
-         1,
-         {AssertReport(kMod, 147, "MBUF PROTOINT uninit unlock sess mtx, ret = " + inj),
-          AssertReport(kMod, 152, "MBUF PROTOINT uninit destroy sess mtx, ret = " + busy)},
-         1},
-        {KRM_HOST_MUTEX_DESTROY,
-         2,
-         {AssertReport(kMod, 152, "MBUF PROTOINT uninit destroy sess mtx, ret = " + inj)},
-         1},
-        {KRM_HOST_MUTEX_LOCK,
-         kLogCall,
-         {AssertReport(kMod, 160, "MBUF PROTOINT uninit lock log mtx, ret = " + inj)},
-         0},
-        {KRM_HOST_MUTEX_UNLOCK,
-         kLogCall,
-         {AssertReport(kMod, 164, "MBUF PROTOINT uninit unlock log mtx, ret = " + inj),
-          AssertReport(kMod, 168, "MBUF PROTOINT uninit destory log mtx, ret = " + busy)},
-         1},
-        {KRM_HOST_MUTEX_DESTROY,
-         kLogCall,
-         {AssertReport(kMod, 168, "MBUF PROTOINT uninit destory log mtx, ret = " + inj)},
-         1},
-    };
-    for (const Row &row : rows) {
+    for (const auto &row : rows) {
         const std::uint32_t before = KRM_HOST_LiveMutexCount();
         MBUF_PROTOINT_CTX_S *ctx = NewCtx(1);
         for (const std::uint32_t id : {1u, 2048u, 4096u}) {

@@ -20,15 +20,15 @@ class PrintTest : public ProtoIntTest {
     MBUF_PROTOINT_CTX_S *KnownHistory() {
         MBUF_PROTOINT_CTX_S *ctx = NewCtx(1);
         EXPECT_EQ(MBUF_PROTOINT_EnableSession(7, ctx), 0u);
-        EXPECT_EQ(MBUF_PROTOINT_RecordPacket(Stamped(ctx, 7, 100, 1), 3, nullptr, ctx), 0u);
+        EXPECT_EQ(Record(ctx, 7, 3, 100, 1), 0u);
         Advance(1000);
-        EXPECT_EQ(MBUF_PROTOINT_RecordPacket(Stamped(ctx, 7, 200, 2, true), 3, nullptr, ctx), 0u);
+        EXPECT_EQ(Record(ctx, 7, 3, 200, 2, true), 0u);
         Advance(1000);
         MBUF_S *sent = Stamped(ctx, 7, 60, 0);
         EXPECT_EQ(MBUF_PROTOINT_RecordPacket(sent, 0, nullptr, ctx), 0u);
         EXPECT_EQ(RecWord(sent, kSeqOff), 1u);
         Advance(1000);
-        EXPECT_EQ(MBUF_PROTOINT_RecordPacket(Stamped(ctx, 7, 300, 5), 1, nullptr, ctx), 1u);
+        EXPECT_EQ(Record(ctx, 7, 1, 300, 5), 1u);
         Advance(2000);
         return ctx;
     }
@@ -92,30 +92,25 @@ TEST_F(PrintTest, EveryTooSmallBufferGivesAnEmptyText) {
 TEST_F(PrintTest, RingStopsWhenOneByteIsLeft) {
     MBUF_PROTOINT_CTX_S *ctx = KnownHistory();
     const auto *rcv = static_cast<const MBUF_PROTOINT_RCV_S *>(MBUF_PROTOINT_GetSess(7, 2, ctx));
-    const std::string heading = " seq len  color time\r\n";
-    const std::string first = " 8   100  y     03-05 10:20:2\r\n";
-    const std::string all =
-        heading + first + " 9   200  g     03-05 10:20:3\r\n" + " 10  300  y     03-05 10:20:5\r\n";
-    struct Row {
+    const std::size_t from = kKnownLog.find(" seq len  color");
+    const std::string all = kKnownLog.substr(from, kKnownLog.find("Id=7 snd") - from);
+    const std::string withFirst = all.substr(0, all.find(" 9 "));
+    const std::size_t heading = all.find(" 8 ");
+    const struct {
         std::size_t size;
         std::int32_t result;
         std::string text;
-    };
-    const Row rows[] = {
-        {heading.size(), -1, ""},
-        {heading.size() + first.size() + 1, static_cast<std::int32_t>((heading + first).size()),
-         heading + first},
-        {heading.size() + first.size() + 2, -1, ""},
+    } rows[] = {
+        {heading, -1, ""},
+        {withFirst.size() + 1, static_cast<std::int32_t>(withFirst.size()), withFirst},
+        {withFirst.size() + 2, -1, ""},
         {all.size() + 1, static_cast<std::int32_t>(all.size()), all},
     };
-    for (const Row &row : rows) {
+    for (const auto &row : rows) {
         std::vector<char> text(row.size, '\0');
-        const std::int32_t got =
-            MBUF_PROTOINT_PrintLogRcvPkts(text.data(), static_cast<std::uint32_t>(row.size), rcv);
+        const auto got = MBUF_PROTOINT_PrintLogRcvPkts(text.data(), std::uint32_t(row.size), rcv);
         EXPECT_EQ(got, row.result) << row.size;
-        if (got >= 0) {
-            EXPECT_EQ(std::string(text.data()), row.text) << row.size;
-        }
+        EXPECT_EQ(got >= 0 ? std::string(text.data()) : "", row.text) << row.size;
     }
     char text[16];
     const MBUF_PROTOINT_SND_S empty{};
@@ -132,9 +127,9 @@ TEST_F(PrintTest, WrappedRingPrintsOldestFirst) {
     MBUF_PROTOINT_CTX_S *ctx = NewCtx(0);
     ASSERT_EQ(MBUF_PROTOINT_EnableSession(3, ctx), 0u);
     for (std::uint32_t n = 1; n <= 13; ++n) {
-        ASSERT_EQ(MBUF_PROTOINT_RecordPacket(Stamped(ctx, 3, 1000 + n, n), 2, nullptr, ctx), 0u);
+        ASSERT_EQ(Record(ctx, 3, 2, 1000 + n, n), 0u);
     }
-    ASSERT_EQ(MBUF_PROTOINT_RecordPacket(Stamped(ctx, 3, 0, 1, true), 3, nullptr, ctx), 0u);
+    ASSERT_EQ(Record(ctx, 3, 3, 0, 1, true), 0u);
     char text[2048];
     ASSERT_GT(MBUF_PROTOINT_PrintLog(text, sizeof(text), 3, ctx), 0);
     const std::string log(text);

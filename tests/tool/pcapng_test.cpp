@@ -113,24 +113,20 @@ TEST(Pcapng, BlocksReadBackAsWritten) {
         EXPECT_EQ(Load16(vBlocks[1 + i].vBody.data()), ausLinks[i]);
         EXPECT_EQ(Options(vBlocks[1 + i].vBody, 8).find(2)->second, "pipe7");
     }
-    struct Want {
-        std::uint32_t ulIf, ulHigh, ulLow, ulLen, ulFlags;
-        std::size_t ulComments;
-    };
-    const Want aWant[] = {{0, 1, 2, 21, 2, 2}, {1, 0, 5, 3, 1, 0}, {1, 0, 6, 0, 0, 1}};
+    // Interface, timestamp high and low, length, flags (direction), comments.
+    const std::uint32_t aWant[3][6] = {{0, 1, 2, 21, 2, 2}, {1, 0, 5, 3, 1, 0}, {1, 0, 6, 0, 0, 1}};
     for (int i = 0; i < 3; ++i) {
-        SCOPED_TRACE(i);
         const auto &b = vBlocks[3 + i].vBody;
-        EXPECT_EQ(vBlocks[3 + i].ulType, 6u);
-        EXPECT_EQ(Load32(&b[0]), aWant[i].ulIf);
-        EXPECT_EQ(Load32(&b[4]), aWant[i].ulHigh);
-        EXPECT_EQ(Load32(&b[8]), aWant[i].ulLow);
-        EXPECT_EQ(Load32(&b[12]), aWant[i].ulLen);
-        EXPECT_EQ(Load32(&b[16]), aWant[i].ulLen);
-        const auto mOpts = Options(b, 20 + ((aWant[i].ulLen + 3) & ~3u));
-        EXPECT_EQ(mOpts.count(1), aWant[i].ulComments);
-        ASSERT_EQ(mOpts.count(2), 1u);
-        EXPECT_EQ(Load32(mOpts.find(2)->second.data()), aWant[i].ulFlags);
+        EXPECT_EQ(vBlocks[3 + i].ulType, 6u) << i;
+        const std::uint32_t ulLen = aWant[i][3];
+        const auto mOpts = Options(b, 20 + ((ulLen + 3) & ~3u));
+        ASSERT_EQ(mOpts.count(2), 1u) << i;
+        EXPECT_EQ(std::vector<std::uint32_t>({Load32(&b[0]), Load32(&b[4]), Load32(&b[8]),
+                                              Load32(&b[12]), Load32(mOpts.find(2)->second.data()),
+                                              static_cast<std::uint32_t>(mOpts.count(1))}),
+                  std::vector<std::uint32_t>(aWant[i], aWant[i] + 6))
+            << i;
+        EXPECT_EQ(Load32(&b[16]), ulLen) << i;
     }
     const auto &b0 = vBlocks[3].vBody;
     EXPECT_EQ(b0[20], 0x45);

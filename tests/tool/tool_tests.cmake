@@ -3,7 +3,8 @@
 set(KRM_TOOL_TESTS ${PROJECT_SOURCE_DIR}/tests/tool)
 find_program(KRM_TSHARK tshark)
 
-add_test(NAME tool.cli COMMAND ${KRM_TOOL_TESTS}/cli_test.sh $<TARGET_FILE:krm-mbuf>)
+add_test(NAME tool.cli
+  COMMAND ${KRM_TOOL_TESTS}/tool_test.sh cli $<TARGET_FILE:krm-mbuf> ${CMAKE_CURRENT_BINARY_DIR})
 file(GLOB KRM_INSPECT_INPUTS CONFIGURE_DEPENDS
   ${PROJECT_SOURCE_DIR}/tests/golden/*.tlv ${PROJECT_SOURCE_DIR}/tests/golden/*.img
   ${KRM_TOOL_TESTS}/golden/*.pkg ${KRM_TOOL_TESTS}/golden/*.msg)
@@ -12,13 +13,11 @@ add_test(NAME tool.inspect_golden
   ${KRM_INSPECT_INPUTS})
 set_tests_properties(tool.inspect_golden PROPERTIES ENVIRONMENT "TZ=UTC")
 if(KRM_TSHARK)
-  add_test(NAME tool.road_capture
-    COMMAND ${KRM_TOOL_TESTS}/road_test.sh $<TARGET_FILE:krm-mbuf> ${CMAKE_CURRENT_BINARY_DIR})
-  add_test(NAME tool.capture
-    COMMAND ${KRM_TOOL_TESTS}/capture_test.sh $<TARGET_FILE:krm-mbuf> ${CMAKE_CURRENT_BINARY_DIR})
-  add_test(NAME tool.tso
-    COMMAND ${KRM_TOOL_TESTS}/tso_test.sh $<TARGET_FILE:krm-mbuf> ${CMAKE_CURRENT_BINARY_DIR})
-  set_tests_properties(tool.road_capture tool.capture tool.tso PROPERTIES TIMEOUT 120)
+  foreach(case road capture tso)
+    add_test(NAME tool.${case}
+      COMMAND ${KRM_TOOL_TESTS}/tool_test.sh ${case} $<TARGET_FILE:krm-mbuf> ${CMAKE_CURRENT_BINARY_DIR})
+  endforeach()
+  set_tests_properties(tool.road tool.capture tool.tso PROPERTIES TIMEOUT 120)
 endif()
 # The package test builds the project a second time; it stays out of the
 # sanitizer build.
