@@ -2,8 +2,7 @@
 // records of the golden descriptions, goes to a TLV stream and to a serial
 // image and back. The model is the flat byte vector of the chain and the
 // record images written into it; the writer must leave the chain as it was.
-#include "chain_builder.h"
-#include "golden_support.h"
+#include "serial_support.h"
 
 namespace krm::serialtest {
 namespace {
@@ -64,9 +63,9 @@ TEST_P(RoundTripTest, StreamAndImageRebuildTheChain) {
     } else {
         ASSERT_EQ(ulRet, 0u);
         // Count: the data TLV and each record; length: all behind offset 16.
-        EXPECT_EQ(Get16(stream.data()), 1u + 1u + Records().size());
-        MBUF_S *fromTlv =
-            Keep(MBUF_TransTlv2Mbuf(stream.data(), Get16(stream.data() + 2) + 16u, kModule));
+        EXPECT_EQ(Get<std::uint16_t>(stream.data()), 1u + 1u + Records().size());
+        MBUF_S *fromTlv = Keep(MBUF_TransTlv2Mbuf(
+            stream.data(), Get<std::uint16_t>(stream.data() + 2) + 16u, kModule));
         ASSERT_NE(fromTlv, nullptr);
         ExpectValid(fromTlv);
         EXPECT_EQ(krm::test::Flatten(fromTlv), model);
