@@ -56,6 +56,11 @@ Snapshot Snap(MBUF_S *pstMbuf);
 std::vector<void *> Carry(const MBUF_IOVEC_S *pstIovec, std::uint32_t ulCount,
                           bool bRelease = true);
 
+// Both receives, by name.
+using RecvFn = std::uint32_t (*)(MBUF_S **, MBUF_TRANS_DESC_S *);
+inline const std::pair<const char *, RecvFn> kReceives[] = {{"normal", MBUF_RcvTrans},
+                                                            {"read-only", MBUF_RcvTransReadOnly}};
+
 // A receive descriptor over an address array the caller keeps alive.
 MBUF_TRANS_DESC_S RecvDesc(std::vector<void *> &pieces, std::uint32_t ulCount);
 
