@@ -62,7 +62,9 @@ inline const std::pair<const char *, RecvFn> kReceives[] = {{"normal", MBUF_RcvT
                                                             {"read-only", MBUF_RcvTransReadOnly}};
 
 // A receive descriptor over an address array the caller keeps alive.
-MBUF_TRANS_DESC_S RecvDesc(std::vector<void *> &pieces, std::uint32_t ulCount);
+inline MBUF_TRANS_DESC_S RecvDesc(std::vector<void *> &pieces, std::uint32_t ulCount) {
+    return MBUF_TRANS_DESC_S{ulCount, reinterpret_cast<MBUF_IOVEC_S *>(pieces.data())};
+}
 
 // Releases every live buffer: what a refused receive left with its caller.
 void ReleaseAllLive();

@@ -12,6 +12,7 @@ namespace {
 
 constexpr std::uint32_t kPipe = 5;
 constexpr std::uint32_t kMax = MBUF_PIPE_MAX_IOVEC;
+constexpr std::uint32_t kDest = 9;
 
 // Records: none beyond the common one, a few inline, enough to need a
 // separate block (with the stack-debug slot among them).
@@ -88,6 +89,7 @@ class PackageTest : public HostTest {
     void SetUp() override {
         HostTest::SetUp();
         ASSERT_EQ(KRM_HOST_PipeOpen(kPipe, 8), 0u);
+        ASSERT_EQ(KRM_HOST_MsgOpen(kDest), 0u);
     }
 };
 
@@ -117,6 +119,42 @@ TEST_P(RoundTripTest, EverySendVariantArrivesEqual) {
             EXPECT_EQ(KRM_HOST_LiveBufferCount(), 0u);
         }
     }
+}
+
+// The message form: the packet's serial image behind an 8-byte header,
+// through the message service and back. The image re-packs the data: node
+// boundaries and the external flag are not kept. An image without data is
+// refused by the serial form itself.
+TEST_P(RoundTripTest, TheMessageFormArrivesEqual) {
+    const auto &[shapeIndex, recordIndex] = GetParam();
+    const ChainShape &shape = StandardShapes()[shapeIndex];
+    if (ShapeLength(shape.nodes) == 0) {
+        return;
+    }
+    const auto repacked = [](MBUF_S *m) {
+        Snapshot snap = Snap(m);
+        snap.nodeLens.clear();
+        snap.words.back() &= ~MBUF_EXT;
+        return snap;
+    };
+    MBUF_S *m = BuildChain(shape.nodes, 4);
+    Decorate(m, kRecordSets[recordIndex], 4);
+    const Snapshot sent = repacked(m);
+    const std::uint32_t size = MBUF_GetAllBlockSize(m) + 8;
+    ASSERT_EQ(MBUF_SendMsg(kTestModule, kDest, m), 0u);
+    std::uint32_t cls = 0;
+    std::uint32_t type = 0;
+    auto *msg = static_cast<std::uint8_t *>(KRM_HOST_MsgReceive(kDest, 0, &cls, &type));
+    ASSERT_NE(msg, nullptr);
+    EXPECT_EQ(std::tuple(cls, type, TQM_MsgLenGet(msg)), std::tuple(6u, 893u, size));
+    EXPECT_EQ((msg[0] << 8) | msg[1], static_cast<int>(size & 0xFFFF));
+    EXPECT_EQ(Bytes(msg + 4, msg + 8), Bytes(4, 0));
+    MBUF_S *got = MBUF_RecvMsg(msg);
+    EXPECT_EQ(TQM_MsgFree(kTestModule, msg), 0u);
+    ASSERT_NE(got, nullptr);
+    ExpectValid(got);
+    EXPECT_EQ(repacked(got), sent);
+    MBUF_Destroy(got);
 }
 
 INSTANTIATE_TEST_SUITE_P(Shapes, RoundTripTest,
@@ -203,6 +241,24 @@ TEST_F(PackageTest, MultiSendWritesAllOrNothing) {
     const std::uint32_t before = Stats().ulWritten;
     const std::uint32_t rc = MBUF_MultiSend(kPipe, nullptr, descs);
     EXPECT_EQ(Stats().ulWritten - before, rc == 0 ? 1u : 0u);
+}
+
+// A message send consumes the packet whatever happens after the header
+// check; a message shorter than its header yields nothing.
+TEST_F(PackageTest, MessageFailuresConsumeThePacket) {
+    EXPECT_EQ(MBUF_SendMsg(kTestModule, kDest, nullptr), MBUF_ERR_INVALID_MBUF);
+    MBUF_S *m = BuildChain({InlineNode(10), InlineNode(5)}, 1);
+    EXPECT_EQ(MBUF_SendMsg(kTestModule, kDest, m->pstNext), MBUF_ERR_INVALID_MBUF);
+    KRM_HOST_FailNthAlloc(1);
+    EXPECT_EQ(MBUF_SendMsg(kTestModule, kDest, m), MBUF_ERR_MSG_ALLOC);
+    EXPECT_EQ(KRM_HOST_LiveBufferCount(), 0u);
+    m = BuildChain({InlineNode(10)}, 1);
+    EXPECT_EQ(MBUF_SendMsg(kTestModule, kDest + 1, m), 0x224C1110u) << "queue not opened";
+    EXPECT_EQ(KRM_HOST_LiveBufferCount(), 0u);
+    EXPECT_EQ(MBUF_RecvMsg(nullptr), nullptr);
+    void *shortMsg = KRM_MsgAlloc_F(kTestModule, 6, "t", 1);
+    EXPECT_EQ(MBUF_RecvMsg(shortMsg), nullptr);
+    TQM_MsgFree(kTestModule, shortMsg);
 }
 
 // Tokens: credits of the pipe, and the folding of every "no token" answer.

@@ -1,5 +1,4 @@
 // Messages in and out of a queue, and the trace service's record and ids.
-#include <gtest/gtest.h>
 
 #include "platform_util.h"
 

@@ -1,7 +1,6 @@
 // Pipes and message queues bound to Unix-domain sockets: a round trip
 // through another process, and frames written straight into the socket that
 // must be refused whole, with a report, without a piece list being built.
-#include <gtest/gtest.h>
 #include <sys/wait.h>
 
 #include <cstdlib>

@@ -1,10 +1,8 @@
 // Pipes used from several threads at once: nothing lost, nothing read twice,
 // each writer's packages in its own order, and no buffer left behind when a
 // pipe is closed under running writers. Runs under ThreadSanitizer.
-#include <gtest/gtest.h>
 #include <atomic>
 #include <map>
-#include <thread>
 
 #include "platform_util.h"
 

@@ -1,10 +1,6 @@
 // Writes and reads of an in-process pipe: what a reader receives for what a
 // writer gave, whose buffers are released, the order of the queue, package
 // reads, credits, and writes that must be refused without touching anything.
-#include <gtest/gtest.h>
-
-#include <functional>
-#include <string>
 
 #include "platform_util.h"
 
