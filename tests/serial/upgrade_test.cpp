@@ -73,9 +73,8 @@ TEST_P(UpgradeTest, RecordsReadTheSameInTheLocalLayout) {
     const uint32_t ulSize = std::max<uint32_t>(row.capacity + 184u, 448u);
     EXPECT_EQ(KRM_DbufLengthGET(blkNew), ulSize + 128);
     EXPECT_EQ(blkNew->usCapacity, ulSize - 56);
-    EXPECT_EQ(blkNew->usUsedLen, Get<std::uint16_t>(blk.data() + 88));
-    EXPECT_EQ(blkNew->ucSlotNum, 23u);
-    EXPECT_EQ(blkNew->ucByteOrder, MBUF_BYTEORDER_HOST);
+    EXPECT_EQ(std::tuple(blkNew->usUsedLen, blkNew->ucSlotNum, blkNew->ucByteOrder),
+              std::tuple(Get<std::uint16_t>(blk.data() + 88), 23, MBUF_BYTEORDER_HOST));
     EXPECT_EQ(Bytes(reinterpret_cast<uint8_t *>(blkNew), reinterpret_cast<uint8_t *>(blkNew) + 84),
               CommBytes(7));
     uint32_t ulKept = 0;
@@ -181,13 +180,12 @@ TEST_F(UpgradeFailTest, OlderStackDebugRecordIsRelaidWhenTheMemoryHasAnOwner) {
             EXPECT_EQ(Bytes(rec, rec + sd.size()), sd);
             continue;
         }
-        EXPECT_EQ(Get<std::uint16_t>(rec + 2), 24u);
-        EXPECT_EQ(rec[4], kEntries);
-        EXPECT_EQ(rec[5], 1u);
-        EXPECT_EQ(Get<std::uint16_t>(rec + 6), 48u);
-        EXPECT_EQ(Get<std::uint32_t>(rec + 28), 0x1111u);
-        EXPECT_EQ(Get<std::uint32_t>(rec + 32), 77u);
-        EXPECT_EQ(Get<std::uint32_t>(rec + 28 + 48), 0x2222u);
+        EXPECT_EQ(
+            std::tuple(Get<std::uint16_t>(rec + 2), rec[4], rec[5], Get<std::uint16_t>(rec + 6)),
+            std::tuple(24, kEntries, 1, 48));
+        EXPECT_EQ(std::tuple(Get<std::uint32_t>(rec + 28), Get<std::uint32_t>(rec + 32),
+                             Get<std::uint32_t>(rec + 28 + 48)),
+                  std::tuple(0x1111u, 77u, 0x2222u));
         ExpectValid(pkt);
     }
 }
