@@ -91,7 +91,8 @@ TEST_F(PipeTraceTest, TracePointRecordsEveryCallInOrder) {
     EXPECT_EQ(std::tuple(c.ulArg1, c.ulNum, c.pPieces, c.ulArg2, c.ulArg3, c.ulArg4, c.ulArg5),
               std::tuple(1u, 1u, static_cast<const void *>(addrs), 2u, 3u, 4u, 5u));
     ASSERT_EQ(KRM_HOST_TraceCallGet(1, &c), 0u);
-    EXPECT_EQ(std::tuple(c.ulArg1, c.ulNum, c.ulArg5), std::tuple(9u, 0u, 5u));
+    EXPECT_EQ(std::tuple(c.ulArg1, c.ulNum, c.ulArg2, c.ulArg3, c.ulArg4, c.ulArg5),
+              std::tuple(9u, 0u, 8u, 7u, 6u, 5u));
     EXPECT_EQ(KRM_HOST_TraceCallGet(2, &c), 1u);
     KRM_HOST_Reset();
     EXPECT_EQ(KRM_HOST_TraceCallCount(), 0u);
