@@ -1,5 +1,6 @@
 #include "pipe_support.h"
 
+#include <algorithm>
 #include <cstring>
 
 #include "krm_host/host.h"
@@ -13,10 +14,10 @@ void PrintTo(const Piece &piece, std::ostream *os) {
 }
 
 std::vector<Piece> Pieces(const MBUF_IOVEC_S *pstIovec, std::uint32_t ulCount) {
-    std::vector<Piece> out;
-    for (std::uint32_t i = 0; i < ulCount; ++i) {
-        out.push_back({pstIovec[i].pBuf, pstIovec[i].ulLen});
-    }
+    std::vector<Piece> out(ulCount);
+    std::transform(pstIovec, pstIovec + ulCount, out.begin(), [](const MBUF_IOVEC_S &v) {
+        return Piece{v.pBuf, v.ulLen};
+    });
     return out;
 }
 
@@ -83,10 +84,6 @@ std::vector<void *> Carry(const MBUF_IOVEC_S *pstIovec, std::uint32_t ulCount, b
         }
     }
     return out;
-}
-
-MBUF_TRANS_DESC_S RecvDesc(std::vector<void *> &pieces, std::uint32_t ulCount) {
-    return MBUF_TRANS_DESC_S{ulCount, reinterpret_cast<MBUF_IOVEC_S *>(pieces.data())};
 }
 
 void ReleaseAllLive() {

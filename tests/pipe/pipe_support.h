@@ -56,8 +56,15 @@ Snapshot Snap(MBUF_S *pstMbuf);
 std::vector<void *> Carry(const MBUF_IOVEC_S *pstIovec, std::uint32_t ulCount,
                           bool bRelease = true);
 
+// Both receives, by name.
+using RecvFn = std::uint32_t (*)(MBUF_S **, MBUF_TRANS_DESC_S *);
+inline const std::pair<const char *, RecvFn> kReceives[] = {{"normal", MBUF_RcvTrans},
+                                                            {"read-only", MBUF_RcvTransReadOnly}};
+
 // A receive descriptor over an address array the caller keeps alive.
-MBUF_TRANS_DESC_S RecvDesc(std::vector<void *> &pieces, std::uint32_t ulCount);
+inline MBUF_TRANS_DESC_S RecvDesc(std::vector<void *> &pieces, std::uint32_t ulCount) {
+    return MBUF_TRANS_DESC_S{ulCount, reinterpret_cast<MBUF_IOVEC_S *>(pieces.data())};
+}
 
 // Releases every live buffer: what a refused receive left with its caller.
 void ReleaseAllLive();

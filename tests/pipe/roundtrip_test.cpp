@@ -2,8 +2,6 @@
 // carrying model, received by both receives; the rebuilt packet must equal
 // the sent one in data, node lengths, header and flag words and every
 // record byte.
-#include <functional>
-
 #include "krm_host/pipe.h"
 #include "krm_mbuf/platform.h"
 #include "mbuf_check.h"
@@ -14,16 +12,15 @@ namespace {
 
 constexpr std::uint32_t kPipe = 5;
 constexpr std::uint32_t kMax = MBUF_PIPE_MAX_IOVEC;
+constexpr std::uint32_t kDest = 9;
 
 // Records: none beyond the common one, a few inline, enough to need a
 // separate block (with the stack-debug slot among them).
 const std::vector<std::vector<RecordRow>> kRecordSets = {
     {}, {{3, 16}, {12, 8}}, {{5, 120}, {9, 200}, {21, 96}, {14, 40}}};
 
-enum class Receive { Normal, ReadOnly };
-
 // Reads one package of one packet from the pipe and rebuilds it.
-MBUF_S *ReceiveOne(Receive how) {
+MBUF_S *ReceiveOne(RecvFn receive) {
     MBUF_TRANS_DESC_S descs[4];
     std::uint32_t count = 4;
     std::uint32_t status = 0;
@@ -35,107 +32,81 @@ MBUF_S *ReceiveOne(Receive how) {
         return nullptr;
     }
     MBUF_S *m = nullptr;
-    const std::uint32_t rc = how == Receive::Normal ? MBUF_RcvTrans(&m, &descs[0])
-                                                    : MBUF_RcvTransReadOnly(&m, &descs[0]);
-    EXPECT_EQ(rc, MBUF_OK);
+    EXPECT_EQ(receive(&m, &descs[0]), MBUF_OK);
     return m;
 }
 
 // Rebuilds from pieces carried by the model.
-MBUF_S *ReceiveCarried(std::vector<void *> &pieces, Receive how) {
+MBUF_S *ReceiveCarried(const MBUF_IOVEC_S *v, std::uint32_t n, RecvFn receive) {
+    std::vector<void *> pieces = Carry(v, n);
     MBUF_TRANS_DESC_S desc = RecvDesc(pieces, pieces.size());
     MBUF_S *m = nullptr;
-    const std::uint32_t rc =
-        how == Receive::Normal ? MBUF_RcvTrans(&m, &desc) : MBUF_RcvTransReadOnly(&m, &desc);
-    EXPECT_EQ(rc, MBUF_OK);
+    EXPECT_EQ(receive(&m, &desc), MBUF_OK);
     return m;
 }
 
+// A send variant: it sends m through the pipe (or describes it, returning
+// the count of pieces); bKeepsSender: the caller still owns m afterwards.
 struct SendRow {
     const char *name;
-    // Sends m; returns the received packet. bKeepsSender: the caller still
-    // owns m afterwards.
-    std::function<MBUF_S *(MBUF_S *, Receive)> roundTrip;
+    std::uint32_t (*send)(MBUF_S *, MBUF_IOVEC_S *);
+    bool bPiped;
     bool bKeepsSender;
 };
 
-MBUF_S *ThroughDesc(MBUF_S *m, Receive how,
-                    std::uint32_t (*describe)(MBUF_S *, MBUF_TRANS_DESC_S *, const char *,
-                                              std::uint32_t)) {
-    MBUF_IOVEC_S v[kMax];
+template <auto kDescribe>
+std::uint32_t Describe(MBUF_S *m, MBUF_IOVEC_S *v) {
     MBUF_TRANS_DESC_S desc{0, v};
     MBUF_UpdateMbufListByteOrderType(m);
-    EXPECT_EQ(describe(m, &desc, "roundtrip_test", 1), MBUF_OK);
-    std::vector<void *> pieces = Carry(v, desc.ulNum);
-    return ReceiveCarried(pieces, how);
+    EXPECT_EQ(kDescribe(m, &desc, "roundtrip_test", 1), MBUF_OK);
+    return desc.ulNum;
 }
 
-const std::vector<SendRow> &SendRows() {
-    static const std::vector<SendRow> rows = {
-        {"Send",
-         [](MBUF_S *m, Receive how) {
-             MBUF_IOVEC_S v[kMax];
-             EXPECT_EQ(MBUF_Send(kPipe, m, v), 0u);
-             return ReceiveOne(how);
-         },
-         false},
-        {"Send2QueHead",
-         [](MBUF_S *m, Receive how) {
-             MBUF_IOVEC_S v[kMax];
-             EXPECT_EQ(MBUF_Send2QueHead(kPipe, m, v, "roundtrip_test", 2), 0u);
-             return ReceiveOne(how);
-         },
-         false},
-        {"SendByFlag",
-         [](MBUF_S *m, Receive how) {
-             MBUF_IOVEC_S v[kMax];
-             EXPECT_EQ(MBUF_SendByFlag(kPipe, 1, m, 2, 3, v), 0u);
-             return ReceiveOne(how);
-         },
-         false},
-        {"Send_NoFree",
-         [](MBUF_S *m, Receive how) {
-             MBUF_IOVEC_S v[kMax];
-             EXPECT_EQ(MBUF_Send_NoFree(kPipe, m, v, "roundtrip_test", 3), 0u);
-             return ReceiveOne(how);
-         },
-         true},
-        {"SendTrans", [](MBUF_S *m, Receive how) { return ThroughDesc(m, how, MBUF_SendTrans_fl); },
-         false},
-        {"SendTrans2",
-         [](MBUF_S *m, Receive how) { return ThroughDesc(m, how, MBUF_SendTrans2_fl); }, false},
-        {"Send_GetAddr",
-         [](MBUF_S *m, Receive how) {
-             MBUF_IOVEC_S v[kMax];
-             const std::uint32_t n = MBUF_Send_GetAddr(m, v, "roundtrip_test", 4);
-             std::vector<void *> pieces = Carry(v, n);
-             return ReceiveCarried(pieces, how);
-         },
-         false},
-    };
-    return rows;
+// clang-format off
+const SendRow kSendRows[] = {
+    {"Send", [](MBUF_S *m, MBUF_IOVEC_S *v) { return MBUF_Send(kPipe, m, v); }, true, false},
+    {"Send2QueHead", [](MBUF_S *m, MBUF_IOVEC_S *v) { return MBUF_Send2QueHead(kPipe, m, v, "roundtrip_test", 2); }, true, false},
+    {"SendByFlag", [](MBUF_S *m, MBUF_IOVEC_S *v) { return MBUF_SendByFlag(kPipe, 1, m, 2, 3, v); }, true, false},
+    {"Send_NoFree", [](MBUF_S *m, MBUF_IOVEC_S *v) { return MBUF_Send_NoFree(kPipe, m, v, "roundtrip_test", 3); }, true, true},
+    {"SendTrans", Describe<MBUF_SendTrans_fl>, false, false},
+    {"SendTrans2", Describe<MBUF_SendTrans2_fl>, false, false},
+    {"Send_GetAddr", [](MBUF_S *m, MBUF_IOVEC_S *v) { return MBUF_Send_GetAddr(m, v, "roundtrip_test", 4); }, false, false},
+};
+// clang-format on
+
+MBUF_S *RoundTrip(const SendRow &row, MBUF_S *m, RecvFn how) {
+    MBUF_IOVEC_S v[kMax];
+    const std::uint32_t rc = row.send(m, v);
+    if (row.bPiped) {
+        EXPECT_EQ(rc, 0u);
+        return ReceiveOne(how);
+    }
+    return ReceiveCarried(v, rc, how);
 }
 
-class RoundTripTest : public HostTest,
-                      public ::testing::WithParamInterface<std::tuple<std::size_t, std::size_t>> {
+class PackageTest : public HostTest {
   protected:
     void SetUp() override {
         HostTest::SetUp();
         ASSERT_EQ(KRM_HOST_PipeOpen(kPipe, 8), 0u);
+        ASSERT_EQ(KRM_HOST_MsgOpen(kDest), 0u);
     }
 };
+
+class RoundTripTest : public PackageTest,
+                      public ::testing::WithParamInterface<std::tuple<std::size_t, std::size_t>> {};
 
 TEST_P(RoundTripTest, EverySendVariantArrivesEqual) {
     const auto &[shapeIndex, recordIndex] = GetParam();
     const ChainShape &shape = StandardShapes()[shapeIndex];
-    for (const SendRow &row : SendRows()) {
-        for (Receive how : {Receive::Normal, Receive::ReadOnly}) {
-            SCOPED_TRACE(std::string(row.name) + (how == Receive::Normal ? "" : " read-only"));
+    for (const SendRow &row : kSendRows) {
+        for (const auto &[recvName, how] : kReceives) {
+            SCOPED_TRACE(std::string(row.name) + " " + recvName);
             MBUF_S *m = BuildChain(shape.nodes, 7);
             ASSERT_NE(m, nullptr);
             Decorate(m, kRecordSets[recordIndex], 9);
             const Snapshot sent = Snap(m);
-            MBUF_S *got = row.roundTrip(m, how);
+            MBUF_S *got = RoundTrip(row, m, how);
             ASSERT_NE(got, nullptr);
             ExpectValid(got);
             EXPECT_EQ(Snap(got), sent);
@@ -150,6 +121,42 @@ TEST_P(RoundTripTest, EverySendVariantArrivesEqual) {
     }
 }
 
+// The message form: the packet's serial image behind an 8-byte header,
+// through the message service and back. The image re-packs the data: node
+// boundaries and the external flag are not kept. An image without data is
+// refused by the serial form itself.
+TEST_P(RoundTripTest, TheMessageFormArrivesEqual) {
+    const auto &[shapeIndex, recordIndex] = GetParam();
+    const ChainShape &shape = StandardShapes()[shapeIndex];
+    if (ShapeLength(shape.nodes) == 0) {
+        return;
+    }
+    const auto repacked = [](MBUF_S *m) {
+        Snapshot snap = Snap(m);
+        snap.nodeLens.clear();
+        snap.words.back() &= ~MBUF_EXT;
+        return snap;
+    };
+    MBUF_S *m = BuildChain(shape.nodes, 4);
+    Decorate(m, kRecordSets[recordIndex], 4);
+    const Snapshot sent = repacked(m);
+    const std::uint32_t size = MBUF_GetAllBlockSize(m) + 8;
+    ASSERT_EQ(MBUF_SendMsg(kTestModule, kDest, m), 0u);
+    std::uint32_t cls = 0;
+    std::uint32_t type = 0;
+    auto *msg = static_cast<std::uint8_t *>(KRM_HOST_MsgReceive(kDest, 0, &cls, &type));
+    ASSERT_NE(msg, nullptr);
+    EXPECT_EQ(std::tuple(cls, type, TQM_MsgLenGet(msg)), std::tuple(6u, 893u, size));
+    EXPECT_EQ((msg[0] << 8) | msg[1], static_cast<int>(size & 0xFFFF));
+    EXPECT_EQ(Bytes(msg + 4, msg + 8), Bytes(4, 0));
+    MBUF_S *got = MBUF_RecvMsg(msg);
+    EXPECT_EQ(TQM_MsgFree(kTestModule, msg), 0u);
+    ASSERT_NE(got, nullptr);
+    ExpectValid(got);
+    EXPECT_EQ(repacked(got), sent);
+    MBUF_Destroy(got);
+}
+
 INSTANTIATE_TEST_SUITE_P(Shapes, RoundTripTest,
                          ::testing::Combine(::testing::Range<std::size_t>(0,
                                                                           StandardShapes().size()),
@@ -159,13 +166,11 @@ INSTANTIATE_TEST_SUITE_P(Shapes, RoundTripTest,
                                     std::to_string(std::get<1>(p.param));
                          });
 
-class PackageTest : public HostTest {
-  protected:
-    void SetUp() override {
-        HostTest::SetUp();
-        ASSERT_EQ(KRM_HOST_PipeOpen(kPipe, 8), 0u);
-    }
-};
+KRM_HOST_PIPE_STATS_S Stats() {
+    KRM_HOST_PIPE_STATS_S stats{};
+    EXPECT_EQ(KRM_HOST_PipeStats(kPipe, &stats), 0u);
+    return stats;
+}
 
 // A list of packets goes as one package and comes back as one list.
 TEST_F(PackageTest, MultiSendToMultiRecv) {
@@ -185,8 +190,7 @@ TEST_F(PackageTest, MultiSendToMultiRecv) {
     MBUF_IOVEC_S v[3][kMax];
     MBUF_TRANS_DESC_S descs[3] = {{0, v[0]}, {0, v[1]}, {0, v[2]}};
     ASSERT_EQ(MBUF_MultiSend(kPipe, pkts[0], descs), 0u);
-    KRM_HOST_PIPE_STATS_S stats{};
-    ASSERT_EQ(KRM_HOST_PipeStats(kPipe, &stats), 0u);
+    const KRM_HOST_PIPE_STATS_S stats = Stats();
     EXPECT_EQ(stats.ulWritten, 1u);
     EXPECT_EQ(stats.ulPktsWritten, 3u);
 
@@ -234,12 +238,27 @@ TEST_F(PackageTest, MultiSendWritesAllOrNothing) {
     MBUF_Destroy(b);
     KRM_HOST_ReportClear();
     // An empty list is the service's to judge; the library hands it a count of 0.
-    KRM_HOST_PIPE_STATS_S before{};
-    KRM_HOST_PipeStats(kPipe, &before);
+    const std::uint32_t before = Stats().ulWritten;
     const std::uint32_t rc = MBUF_MultiSend(kPipe, nullptr, descs);
-    KRM_HOST_PIPE_STATS_S after{};
-    KRM_HOST_PipeStats(kPipe, &after);
-    EXPECT_EQ(after.ulWritten - before.ulWritten, rc == 0 ? 1u : 0u);
+    EXPECT_EQ(Stats().ulWritten - before, rc == 0 ? 1u : 0u);
+}
+
+// A message send consumes the packet whatever happens after the header
+// check; a message shorter than its header yields nothing.
+TEST_F(PackageTest, MessageFailuresConsumeThePacket) {
+    EXPECT_EQ(MBUF_SendMsg(kTestModule, kDest, nullptr), MBUF_ERR_INVALID_MBUF);
+    MBUF_S *m = BuildChain({InlineNode(10), InlineNode(5)}, 1);
+    EXPECT_EQ(MBUF_SendMsg(kTestModule, kDest, m->pstNext), MBUF_ERR_INVALID_MBUF);
+    KRM_HOST_FailNthAlloc(1);
+    EXPECT_EQ(MBUF_SendMsg(kTestModule, kDest, m), MBUF_ERR_MSG_ALLOC);
+    EXPECT_EQ(KRM_HOST_LiveBufferCount(), 0u);
+    m = BuildChain({InlineNode(10)}, 1);
+    EXPECT_EQ(MBUF_SendMsg(kTestModule, kDest + 1, m), 0x224C1110u) << "queue not opened";
+    EXPECT_EQ(KRM_HOST_LiveBufferCount(), 0u);
+    EXPECT_EQ(MBUF_RecvMsg(nullptr), nullptr);
+    void *shortMsg = KRM_MsgAlloc_F(kTestModule, 6, "t", 1);
+    EXPECT_EQ(MBUF_RecvMsg(shortMsg), nullptr);
+    TQM_MsgFree(kTestModule, shortMsg);
 }
 
 // Tokens: credits of the pipe, and the folding of every "no token" answer.

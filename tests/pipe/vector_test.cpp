@@ -2,8 +2,6 @@
 // shapes, compared with a model of the pipe format: each node up to its data
 // end or whole, an external buffer after its node, a separate control block
 // last, at most 90 entries and each operation's own answer past them.
-#include <functional>
-
 #include "krm_mbuf/platform.h"
 #include "mbuf_check.h"
 #include "pipe_support.h"
@@ -18,13 +16,16 @@ const std::vector<RecordRow> kBigRecords = {{5, 120}, {9, 200}, {17, 64}};
 
 enum class Limit { Truncate, Refuse, Count };
 
+// Runs an operation; returns its result and the count of entries described.
+using RunFn = std::uint32_t (*)(MBUF_S *, MBUF_IOVEC_S *, std::uint32_t *);
+
 struct OpRow {
     const char *name;
     bool wholeNode;
     std::uint32_t extNodeLen;
     Limit limit;
-    // Runs the operation; returns its result and the entries it described.
-    std::function<std::uint32_t(MBUF_S *, MBUF_IOVEC_S *, std::uint32_t *)> run;
+    std::uint32_t rc;  // the answer within the limit
+    RunFn run;
 };
 
 // Entries a write left unchanged still hold this length.
@@ -38,44 +39,38 @@ std::uint32_t Described(const MBUF_IOVEC_S *pstIovec) {
     return n;
 }
 
-const std::vector<OpRow> &Ops() {
-    static const std::vector<OpRow> ops = {
-        {"SendTrans", true, 936, Limit::Refuse,
-         [](MBUF_S *m, MBUF_IOVEC_S *v, std::uint32_t *n) {
-             MBUF_TRANS_DESC_S desc{0, v};
-             const std::uint32_t rc = MBUF_SendTrans(m, &desc);
-             *n = desc.ulNum;
-             return rc;
-         }},
-        {"SendTrans2", false, 520, Limit::Refuse,
-         [](MBUF_S *m, MBUF_IOVEC_S *v, std::uint32_t *n) {
-             MBUF_TRANS_DESC_S desc{0, v};
-             const std::uint32_t rc = MBUF_SendTrans2_fl(m, &desc, "vector_test", 1);
-             *n = desc.ulNum;
-             return rc;
-         }},
-        {"Send_GetAddr", true, 520, Limit::Count,
-         [](MBUF_S *m, MBUF_IOVEC_S *v, std::uint32_t *n) {
-             *n = MBUF_Send_GetAddr(m, v, "vector_test", 2);
-             return MBUF_OK;
-         }},
-        // No pipe is open: the write refuses and takes nothing over, leaving
-        // the vector to look at.
-        {"PipeSend", false, 520, Limit::Truncate,
-         [](MBUF_S *m, MBUF_IOVEC_S *v, std::uint32_t *n) {
-             const std::uint32_t rc = MBUF_PipeSend_fl(7, m, v, "vector_test", 3, 0);
-             *n = Described(v);
-             return rc;
-         }},
-        {"PipeSendByFlag", false, 520, Limit::Refuse,
-         [](MBUF_S *m, MBUF_IOVEC_S *v, std::uint32_t *n) {
-             const std::uint32_t rc = MBUF_PipeSendByFlag_fl(7, 1, m, 2, 3, v, "vector_test", 4);
-             *n = rc == MBUF_ERR_TOO_MANY_IOVEC ? 0 : Described(v);
-             return rc;
-         }},
-    };
-    return ops;
+template <auto kDescribe>
+std::uint32_t ByDesc(MBUF_S *m, MBUF_IOVEC_S *v, std::uint32_t *n) {
+    MBUF_TRANS_DESC_S desc{0, v};
+    const std::uint32_t rc = kDescribe(m, &desc);
+    *n = desc.ulNum;
+    return rc;
 }
+
+std::uint32_t Trans2(MBUF_S *m, MBUF_TRANS_DESC_S *d) {
+    return MBUF_SendTrans2_fl(m, d, "vector_test", 1);
+}
+
+// No pipe is open: the writes refuse and take nothing over, leaving the
+// vector to look at.
+// clang-format off
+const OpRow kOps[] = {
+    {"SendTrans", true, 936, Limit::Refuse, MBUF_OK, ByDesc<MBUF_SendTrans>},
+    {"SendTrans2", false, 520, Limit::Refuse, MBUF_OK, ByDesc<Trans2>},
+    {"Send_GetAddr", true, 520, Limit::Count, MBUF_OK,
+     [](MBUF_S *m, MBUF_IOVEC_S *v, std::uint32_t *n) { *n = MBUF_Send_GetAddr(m, v, "vector_test", 2); return MBUF_OK; }},
+    {"PipeSend", false, 520, Limit::Truncate, kNotOpened,
+     [](MBUF_S *m, MBUF_IOVEC_S *v, std::uint32_t *n) {
+         const std::uint32_t rc = MBUF_PipeSend_fl(7, m, v, "vector_test", 3, 0);
+         *n = Described(v);
+         return rc; }},
+    {"PipeSendByFlag", false, 520, Limit::Refuse, kNotOpened,
+     [](MBUF_S *m, MBUF_IOVEC_S *v, std::uint32_t *n) {
+         const std::uint32_t rc = MBUF_PipeSendByFlag_fl(7, 1, m, 2, 3, v, "vector_test", 4);
+         *n = rc == MBUF_ERR_TOO_MANY_IOVEC ? 0 : Described(v);
+         return rc; }},
+};
+// clang-format on
 
 // The model: every piece of the packet in order, the control block apart.
 struct Model {
@@ -94,13 +89,12 @@ Model MakeModel(MBUF_S *m, const OpRow &op) {
         const std::uint8_t *base = ext ? n->pucExtBuf : reinterpret_cast<std::uint8_t *>(n);
         const auto off = static_cast<std::uint32_t>(n->pucData - base);
         model.offsets.push_back(off);
+        model.nodePieces.push_back({n, ext            ? op.extNodeLen
+                                       : op.wholeNode ? 936u
+                                                      : off + n->ulDataLen});
+        model.extNodePiece.push_back(ext);
         if (ext) {
-            model.nodePieces.push_back({n, op.extNodeLen});
-            model.extNodePiece.push_back(true);
             model.nodePieces.push_back({n->pucExtBuf, off + n->ulDataLen});
-            model.extNodePiece.push_back(false);
-        } else {
-            model.nodePieces.push_back({n, op.wholeNode ? 936u : off + n->ulDataLen});
             model.extNodePiece.push_back(false);
         }
     }
@@ -110,24 +104,18 @@ Model MakeModel(MBUF_S *m, const OpRow &op) {
     return model;
 }
 
-struct LimitShape {
-    std::string name;
-    std::vector<NodeRow> rows;
-};
-
-const std::vector<LimitShape> &Shapes() {
-    static const std::vector<LimitShape> shapes = [] {
-        std::vector<LimitShape> out;
-        for (const ChainShape &s : StandardShapes()) {
-            out.push_back({s.name, s.nodes});
+// The shared shapes and chains around the piece limit.
+const std::vector<ChainShape> &Shapes() {
+    static const std::vector<ChainShape> shapes = [] {
+        std::vector<ChainShape> out = StandardShapes();
+        const std::tuple<const char *, std::uint32_t, std::uint32_t> limits[] = {
+            {"Ext45Exact90", 0, 45}, {"Ext46", 0, 46},
+            {"ExtAt89", 89, 1},      {"Inline88Ext1Exact90", 88, 1},
+            {"Inline89", 89, 0},     {"Inline90", 90, 0},
+            {"Inline91", 91, 0}};
+        for (const auto &[name, inl, ext] : limits) {
+            out.push_back({name, ManyNodes(inl, ext)});
         }
-        out.push_back({"Ext45Exact90", ManyNodes(0, 45)});
-        out.push_back({"Ext46", ManyNodes(0, 46)});
-        out.push_back({"ExtAt89", ManyNodes(89, 1)});
-        out.push_back({"Inline88Ext1Exact90", ManyNodes(88, 1)});
-        out.push_back({"Inline89", ManyNodes(89, 0)});
-        out.push_back({"Inline90", ManyNodes(90, 0)});
-        out.push_back({"Inline91", ManyNodes(91, 0)});
         return out;
     }();
     return shapes;
@@ -138,11 +126,11 @@ class VectorShapeTest : public HostTest,
 
 TEST_P(VectorShapeTest, EveryOperationDescribesTheModelsPieces) {
     const auto &[shapeIndex, separateCtl] = GetParam();
-    const LimitShape &shape = Shapes()[shapeIndex];
-    for (const OpRow &op : Ops()) {
+    const ChainShape &shape = Shapes()[shapeIndex];
+    for (const OpRow &op : kOps) {
         SCOPED_TRACE(op.name);
         KRM_HOST_ReportClear();
-        MBUF_S *m = BuildChain(shape.rows, 3);
+        MBUF_S *m = BuildChain(shape.nodes, 3);
         ASSERT_NE(m, nullptr);
         Decorate(m, separateCtl ? kBigRecords : std::vector<RecordRow>{}, 5);
         const Model model = MakeModel(m, op);
@@ -163,13 +151,7 @@ TEST_P(VectorShapeTest, EveryOperationDescribesTheModelsPieces) {
         std::uint32_t n = 0;
         const std::uint32_t rc = op.run(m, v, &n);
 
-        std::uint32_t expectRc = MBUF_OK;
-        if (refused) {
-            expectRc = MBUF_ERR_TOO_MANY_IOVEC;
-        } else if (op.limit == Limit::Truncate || std::string(op.name) == "PipeSendByFlag") {
-            expectRc = kNotOpened;
-        }
-        EXPECT_EQ(rc, expectRc);
+        EXPECT_EQ(rc, refused ? MBUF_ERR_TOO_MANY_IOVEC : op.rc);
         if (!refused) {
             EXPECT_EQ(Pieces(v, n), expect);
             EXPECT_EQ(v[0].ulRsv, 0x77u) << "ulRsv belongs to the pipe";
@@ -242,30 +224,21 @@ TEST_F(VectorTest, HeaderChecksAndPriorityStamps) {
     MBUF_TRANS_DESC_S desc{0, v};
     MBUF_S *plain = BuildChain({InlineNode(10), InlineNode(10)}, 1);
     MBUF_S *second = plain->pstNext;
-    struct Row {
-        const char *name;
-        std::function<std::uint32_t(MBUF_S *)> run;
-        std::uint32_t onNull;
-        std::uint32_t onPlainNode;
+    const std::pair<std::uint32_t, std::uint32_t> results[] = {
+        {MBUF_Send(1, nullptr, v), MBUF_Send(1, second, v)},
+        {MBUF_Send2QueHead(1, nullptr, v, "t", 1), MBUF_Send2QueHead(1, second, v, "t", 1)},
+        {MBUF_SendByFlag(1, 0, nullptr, 0, 0, v), MBUF_SendByFlag(1, 0, second, 0, 0, v)},
+        {MBUF_SendTrans(nullptr, &desc), MBUF_SendTrans(second, &desc)},
+        {MBUF_SendTrans2_fl(nullptr, &desc, "t", 1), MBUF_SendTrans2_fl(second, &desc, "t", 1)},
+        {MBUF_Send_GetAddr(nullptr, v, "t", 1), MBUF_Send_GetAddr(second, v, "t", 1)},
+        {MBUF_TokenAlloc(1, nullptr, kTestModule), MBUF_TokenAlloc(1, second, kTestModule)},
+        {MBUF_TokenAllocEx(1, nullptr, kTestModule), MBUF_TokenAllocEx(1, second, kTestModule)},
     };
-    const std::vector<Row> rows = {
-        {"Send", [&](MBUF_S *m) { return MBUF_Send(1, m, v); }, 1002, 1002},
-        {"Send2QueHead", [&](MBUF_S *m) { return MBUF_Send2QueHead(1, m, v, "t", 1); }, 1002, 1002},
-        {"SendByFlag", [&](MBUF_S *m) { return MBUF_SendByFlag(1, 0, m, 0, 0, v); }, 1002, 1002},
-        {"PipeSendByFlag",
-         [&](MBUF_S *m) { return MBUF_PipeSendByFlag_fl(1, 0, m, 0, 0, v, "t", 1); }, 1000,
-         kNotOpened},
-        {"SendTrans", [&](MBUF_S *m) { return MBUF_SendTrans(m, &desc); }, 1002, 1002},
-        {"SendTrans2", [&](MBUF_S *m) { return MBUF_SendTrans2_fl(m, &desc, "t", 1); }, 1002, 1002},
-        {"GetAddr", [&](MBUF_S *m) { return MBUF_Send_GetAddr(m, v, "t", 1); }, 1002, 1002},
-        {"TokenAlloc", [&](MBUF_S *m) { return MBUF_TokenAlloc(1, m, kTestModule); }, 1002, 1002},
-        {"TokenAllocEx", [&](MBUF_S *m) { return MBUF_TokenAllocEx(1, m, kTestModule); }, 1002,
-         1002},
-    };
-    for (const Row &row : rows) {
-        EXPECT_EQ(row.run(nullptr), row.onNull) << row.name;
-        EXPECT_EQ(row.run(second), row.onPlainNode) << row.name;
+    for (std::size_t i = 0; i < std::size(results); ++i) {
+        EXPECT_EQ(results[i], std::pair(1002u, 1002u)) << "entry point " << i;
     }
+    EXPECT_EQ(MBUF_PipeSendByFlag_fl(1, 0, nullptr, 0, 0, v, "t", 1), 1000u);
+    EXPECT_EQ(MBUF_PipeSendByFlag_fl(1, 0, second, 0, 0, v, "t", 1), kNotOpened);
     MBUF_Destroy(plain);
 
     MBUF_S *m = BuildChain({ClusterNode(700), InlineNode(20)}, 4);

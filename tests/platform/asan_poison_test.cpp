@@ -1,9 +1,7 @@
 // Under AddressSanitizer the allocator poisons what no caller owns: a
 // buffer's header, the room behind its length and released chunks. These
 // accesses must be caught, or library bugs of the same kind would pass.
-#include <gtest/gtest.h>
 
-#include "host_test.h"
 #include "platform_util.h"
 
 namespace krm::test::platform {

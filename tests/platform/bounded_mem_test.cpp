@@ -1,13 +1,7 @@
 // Bounded copies and fills: every violation is refused, and memcpy_s and
 // memset_s leave the destination they own cleared, never a byte beyond it.
-#include <gtest/gtest.h>
 
-#include <array>
-#include <cstring>
-#include <string>
-
-#include "host_test.h"
-#include "krm_mbuf/platform.h"
+#include "platform_util.h"
 
 namespace krm::test::platform {
 namespace {

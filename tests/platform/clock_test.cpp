@@ -1,15 +1,12 @@
 // Wall clock, time zone and ticks: frozen values come back exactly, the
 // calendar is right across days, months, leap days and the 32-bit seconds
 // range, and tick conversions are exact at any rate.
-#include <gtest/gtest.h>
 
 #include <cstdlib>
 #include <ctime>
-#include <string>
 #include <tuple>
 
-#include "host_test.h"
-#include "krm_mbuf/platform.h"
+#include "platform_util.h"
 
 namespace krm::test::platform {
 namespace {

@@ -1,18 +1,13 @@
 // Pipe buffers and private memory: sizes, headers, all-or-nothing vectors,
 // rejected releases and the live-buffer accounting the leak check rests on.
-#include <gtest/gtest.h>
 
 #include <algorithm>
 #include <cinttypes>
 #include <cstdlib>
-#include <cstring>
 #include <set>
-#include <string>
 #include <tuple>
-#include <vector>
 
 #include "fault_sweep.h"
-#include "host_test.h"
 #include "platform_util.h"
 
 namespace krm::test::platform {

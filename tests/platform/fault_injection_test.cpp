@@ -1,10 +1,6 @@
 // Allocation faults: the nth attempt fails exactly once, a size fails until
 // disarmed, and both count and apply to either kind of buffer.
-#include <gtest/gtest.h>
 
-#include <vector>
-
-#include "host_test.h"
 #include "platform_util.h"
 
 namespace krm::test::platform {

@@ -1,17 +1,18 @@
-// Mutex handles: real mutual exclusion, and every misuse (unknown or stale
+// Mutex handles: real mutual exclusion, every misuse (unknown or stale
 // handle, unlock by a non-holder, destroy while held, relock by the holder)
-// refused instead of hanging or corrupting.
-#include <gtest/gtest.h>
+// refused instead of hanging or corrupting, and fault injection: the Nth
+// call of each operation is refused once and changes nothing, the countdowns
+// are per operation and exact across threads, and a reset disarms them.
 
+#include <atomic>
 #include <set>
-#include <thread>
-#include <vector>
 
-#include "host_test.h"
-#include "krm_mbuf/platform.h"
+#include "platform_util.h"
 
 namespace krm::test::platform {
 namespace {
+
+constexpr std::uint32_t kInjected = KRM_HOST_MUTEX_ERR_INJECTED;
 
 class MutexTest : public HostTest {};
 
@@ -29,19 +30,17 @@ TEST_F(MutexTest, HandlesAreDistinctAndUnknownOrStaleOnesAreRefused) {
         EXPECT_EQ(BEX_MutexDestroy(handle), 0u);
     }
     EXPECT_NE(BEX_MutexInit(nullptr), 0u);
-    for (const std::uint32_t bogus : {0u, 0xFFFFu, 0x7FFF1234u, *handles.begin()}) {
-        EXPECT_NE(BEX_MutexLock(bogus), 0u);
-        EXPECT_NE(BEX_MutexUnlock(bogus), 0u);
-        EXPECT_NE(BEX_MutexDestroy(bogus), 0u);
-    }
     std::uint32_t first = 0;
     std::uint32_t second = 0;
     ASSERT_EQ(BEX_MutexInit(&first), 0u);
     ASSERT_EQ(BEX_MutexDestroy(first), 0u);
     ASSERT_EQ(BEX_MutexInit(&second), 0u);  // may reuse the slot
     EXPECT_NE(second, first);
-    EXPECT_NE(BEX_MutexLock(first), 0u);
-    EXPECT_NE(BEX_MutexDestroy(first), 0u);
+    for (const std::uint32_t bogus : {0u, 0xFFFFu, 0x7FFF1234u, *handles.begin(), first}) {
+        EXPECT_NE(BEX_MutexLock(bogus), 0u);
+        EXPECT_NE(BEX_MutexUnlock(bogus), 0u);
+        EXPECT_NE(BEX_MutexDestroy(bogus), 0u);
+    }
     EXPECT_EQ(BEX_MutexLock(second), 0u);
     EXPECT_EQ(BEX_MutexUnlock(second), 0u);
     EXPECT_EQ(BEX_MutexDestroy(second), 0u);
@@ -67,23 +66,107 @@ TEST_F(MutexTest, ExcludesConcurrentHolders) {
     constexpr int kThreads = 4;
     constexpr int kRounds = 20000;
     long counter = 0;  // unprotected but for the mutex
-    std::vector<std::thread> threads;
-    for (int t = 0; t < kThreads; ++t) {
-        threads.emplace_back([&] {
-            for (int i = 0; i < kRounds; ++i) {
-                ASSERT_EQ(BEX_MutexLock(handle), 0u);
-                const long seen = counter;
-                std::this_thread::yield();
-                counter = seen + 1;
-                ASSERT_EQ(BEX_MutexUnlock(handle), 0u);
-            }
-        });
-    }
-    for (std::thread &th : threads) {
-        th.join();
-    }
+    RunThreads(kThreads, [&](int) {
+        for (int i = 0; i < kRounds; ++i) {
+            ASSERT_EQ(BEX_MutexLock(handle), 0u);
+            const long seen = counter;
+            std::this_thread::yield();
+            counter = seen + 1;
+            ASSERT_EQ(BEX_MutexUnlock(handle), 0u);
+        }
+    });
     EXPECT_EQ(counter, static_cast<long>(kThreads) * kRounds);
     EXPECT_EQ(BEX_MutexDestroy(handle), 0u);
+}
+
+// One step per operation: the call that is refused, and a probe that shows
+// the refused call changed nothing.
+TEST_F(MutexTest, TheNthCallIsRefusedOnceAndChangesNothing) {
+    std::uint32_t m = 0;
+    ASSERT_EQ(BEX_MutexInit(&m), 0u);
+    const std::uint32_t live = KRM_HOST_LiveMutexCount();
+    // Init: no mutex is made and the handle is left alone.
+    KRM_HOST_FailNthMutexOp(KRM_HOST_MUTEX_INIT, 2);
+    std::uint32_t a = 0, b = 77;
+    EXPECT_EQ(BEX_MutexInit(&a), 0u);
+    EXPECT_EQ(BEX_MutexInit(&b), kInjected);
+    EXPECT_EQ(b, 77u);
+    EXPECT_EQ(KRM_HOST_LiveMutexCount(), live + 1);
+    EXPECT_EQ(BEX_MutexDestroy(a), 0u);
+    // Lock: not taken, so another thread can take it.
+    KRM_HOST_FailNthMutexOp(KRM_HOST_MUTEX_LOCK, 1);
+    EXPECT_EQ(BEX_MutexLock(m), kInjected);
+    std::uint32_t other = 1;
+    std::thread([&] {
+        other = BEX_MutexLock(m);
+        other |= BEX_MutexUnlock(m);
+    }).join();
+    EXPECT_EQ(other, 0u);
+    // Unlock: still held, so it cannot be destroyed until really released.
+    ASSERT_EQ(BEX_MutexLock(m), 0u);
+    KRM_HOST_FailNthMutexOp(KRM_HOST_MUTEX_UNLOCK, 1);
+    EXPECT_EQ(BEX_MutexUnlock(m), kInjected);
+    EXPECT_NE(BEX_MutexDestroy(m), 0u) << "held by this thread";
+    EXPECT_EQ(BEX_MutexUnlock(m), 0u);
+    // Destroy: still alive and usable.
+    KRM_HOST_FailNthMutexOp(KRM_HOST_MUTEX_DESTROY, 1);
+    EXPECT_EQ(BEX_MutexDestroy(m), kInjected);
+    EXPECT_EQ(BEX_MutexLock(m), 0u);
+    EXPECT_EQ(BEX_MutexUnlock(m), 0u);
+    EXPECT_EQ(BEX_MutexDestroy(m), 0u);
+    EXPECT_EQ(KRM_HOST_LiveMutexCount(), live - 1);
+}
+
+TEST_F(MutexTest, CountdownsArePerOperationAndResetDisarms) {
+    std::uint32_t m = 0;
+    ASSERT_EQ(BEX_MutexInit(&m), 0u);
+    KRM_HOST_FailNthMutexOp(KRM_HOST_MUTEX_UNLOCK, 3);
+    KRM_HOST_FailNthMutexOp(KRM_HOST_MUTEX_OP_NUM, 1);  // unknown: ignored
+    std::vector<std::uint32_t> unlocks;
+    for (int i = 0; i < 4; ++i) {
+        EXPECT_EQ(BEX_MutexLock(m), 0u) << i;
+        unlocks.push_back(BEX_MutexUnlock(m));
+        if (unlocks.back() != 0) {
+            EXPECT_EQ(BEX_MutexUnlock(m), 0u);
+        }
+    }
+    EXPECT_EQ(unlocks, (std::vector<std::uint32_t>{0, 0, kInjected, 0}));
+    std::vector<std::uint32_t> counts;
+    for (std::uint32_t op = KRM_HOST_MUTEX_INIT; op <= KRM_HOST_MUTEX_OP_NUM; ++op) {
+        counts.push_back(KRM_HOST_MutexOpCount(op));
+    }
+    // Init, lock, unlock, destroy, and the unknown operation.
+    EXPECT_EQ(counts, (std::vector<std::uint32_t>{1, 4, 5, 0, 0}));
+    KRM_HOST_FailNthMutexOp(KRM_HOST_MUTEX_LOCK, 1);
+    KRM_HOST_FailNthMutexOp(KRM_HOST_MUTEX_LOCK, 0);
+    EXPECT_EQ(BEX_MutexLock(m), 0u) << "0 disarms";
+    EXPECT_EQ(BEX_MutexUnlock(m), 0u);
+    KRM_HOST_FailNthMutexOp(KRM_HOST_MUTEX_DESTROY, 1);
+    KRM_HOST_Reset();
+    EXPECT_EQ(KRM_HOST_MutexOpCount(KRM_HOST_MUTEX_LOCK), 0u);
+    EXPECT_EQ(BEX_MutexDestroy(m), 0u) << "the reset disarmed it";
+}
+
+// Racing threads: exactly one call among all of them is refused.
+TEST_F(MutexTest, ThreadsShareOneCountdown) {
+    std::uint32_t m = 0;
+    ASSERT_EQ(BEX_MutexInit(&m), 0u);
+    constexpr int kThreads = 4;
+    constexpr int kEach = 500;
+    KRM_HOST_FailNthMutexOp(KRM_HOST_MUTEX_LOCK, 777);
+    std::atomic<int> refused{0};
+    RunThreads(kThreads, [&](int) {
+        for (int i = 0; i < kEach; ++i) {
+            if (BEX_MutexLock(m) != 0) {
+                ++refused;
+            } else {
+                (void)BEX_MutexUnlock(m);
+            }
+        }
+    });
+    EXPECT_EQ(refused.load(), 1);
+    EXPECT_EQ(KRM_HOST_MutexOpCount(KRM_HOST_MUTEX_LOCK), std::uint32_t{kThreads * kEach});
+    EXPECT_EQ(BEX_MutexDestroy(m), 0u);
 }
 
 }  // namespace

@@ -1,7 +1,6 @@
 // Messages in and out of a queue, and the trace service's record and ids.
-#include <gtest/gtest.h>
 
-#include "pipe_test_util.h"
+#include "platform_util.h"
 
 namespace krm::test::platform {
 namespace {
@@ -33,11 +32,9 @@ TEST_F(PipeMsgTest, MessagesArriveInOrderWithClassAndTypeAndBelongToTheReceiver)
     ASSERT_EQ(KRM_SEND_MSG(kDest, 7, 1, second, 1500), 0u);
     std::uint32_t cls = 0, type = 0;
     EXPECT_EQ(KRM_HOST_MsgReceive(kDest, 0, &cls, &type), first);
-    EXPECT_EQ(cls, 6u);
-    EXPECT_EQ(type, 893u);
+    EXPECT_EQ(std::pair(cls, type), std::pair(6u, 893u));
     EXPECT_EQ(KRM_HOST_MsgReceive(kDest, 0, &cls, &type), second);
-    EXPECT_EQ(cls, 7u);
-    EXPECT_EQ(type, 1u);
+    EXPECT_EQ(std::pair(cls, type), std::pair(7u, 1u));
     EXPECT_EQ(KRM_HOST_MsgReceive(kDest, 10, &cls, &type), nullptr) << "nothing more came";
     EXPECT_EQ(TQM_MsgFree(0, first), 0u);
     EXPECT_EQ(TQM_MsgFree(0, second), 0u);
@@ -89,17 +86,14 @@ TEST_F(PipeTraceTest, TracePointRecordsEveryCallInOrder) {
     EXPECT_EQ(KRM_AddTraceInfecPoint_Pipe(1, &desc, 2, 3, 4, 5), 0u);
     EXPECT_EQ(KRM_AddTraceInfecPoint_Pipe(9, nullptr, 8, 7, 6, 5), 0u);
     ASSERT_EQ(KRM_HOST_TraceCallCount(), 2u);
-    KRM_HOST_TRACE_CALL_S call{};
-    ASSERT_EQ(KRM_HOST_TraceCallGet(0, &call), 0u);
-    EXPECT_EQ(call.ulArg1, 1u);
-    EXPECT_EQ(call.ulNum, 1u);
-    EXPECT_EQ(call.pPieces, static_cast<const void *>(addrs));
-    EXPECT_EQ(call.ulArg2 * 1000 + call.ulArg3 * 100 + call.ulArg4 * 10 + call.ulArg5, 2345u);
-    ASSERT_EQ(KRM_HOST_TraceCallGet(1, &call), 0u);
-    EXPECT_EQ(call.ulArg1, 9u);
-    EXPECT_EQ(call.ulNum, 0u);
-    EXPECT_EQ(call.ulArg5, 5u);
-    EXPECT_EQ(KRM_HOST_TraceCallGet(2, &call), 1u);
+    KRM_HOST_TRACE_CALL_S c{};
+    ASSERT_EQ(KRM_HOST_TraceCallGet(0, &c), 0u);
+    EXPECT_EQ(std::tuple(c.ulArg1, c.ulNum, c.pPieces, c.ulArg2, c.ulArg3, c.ulArg4, c.ulArg5),
+              std::tuple(1u, 1u, static_cast<const void *>(addrs), 2u, 3u, 4u, 5u));
+    ASSERT_EQ(KRM_HOST_TraceCallGet(1, &c), 0u);
+    EXPECT_EQ(std::tuple(c.ulArg1, c.ulNum, c.ulArg2, c.ulArg3, c.ulArg4, c.ulArg5),
+              std::tuple(9u, 0u, 8u, 7u, 6u, 5u));
+    EXPECT_EQ(KRM_HOST_TraceCallGet(2, &c), 1u);
     KRM_HOST_Reset();
     EXPECT_EQ(KRM_HOST_TraceCallCount(), 0u);
 }

@@ -1,16 +1,10 @@
 // Pipes used from several threads at once: nothing lost, nothing read twice,
 // each writer's packages in its own order, and no buffer left behind when a
 // pipe is closed under running writers. Runs under ThreadSanitizer.
-#include <gtest/gtest.h>
-#include <sys/socket.h>
-#include <sys/un.h>
-#include <unistd.h>
-
 #include <atomic>
 #include <map>
-#include <thread>
 
-#include "pipe_test_util.h"
+#include "platform_util.h"
 
 namespace krm::test::platform {
 namespace {
@@ -54,27 +48,23 @@ TEST_F(PipeThreadTest, WritersAndReadersOnSeveralThreadsLoseNothing) {
     ASSERT_EQ(KRM_HOST_PipeOpen(kPipe, 32), 0u);
     std::atomic<std::uint32_t> taken{0};
     std::vector<std::vector<std::pair<std::uint32_t, std::uint32_t>>> seen(kReaders);
-    std::vector<std::thread> threads;
-    for (std::uint32_t r = 0; r < kReaders; ++r) {
-        threads.emplace_back(ReadAll, kPipe, &taken, kWriters * kPerWriter, &seen[r]);
-    }
-    for (std::uint32_t w = 0; w < kWriters; ++w) {
-        threads.emplace_back([w] {
-            for (std::uint32_t seq = 0; seq < kPerWriter; ++seq) {
-                MBUF_IOVEC_S iov{Stamped(w, seq), 64, 0};
-                std::uint32_t token = 1;
-                while (KRM_PipeTokenAlloc(kPipe, &token) != 0) {
-                    std::this_thread::yield();
-                }
-                while (KRM_PipeIovecWrite(kPipe, 1, &iov) == KRM_HOST_PIPE_ERR_FULL) {
-                    std::this_thread::yield();
-                }
+    RunThreads(kReaders + kWriters, [&](int t) {
+        if (t < static_cast<int>(kReaders)) {
+            ReadAll(kPipe, &taken, kWriters * kPerWriter, &seen[t]);
+            return;
+        }
+        const std::uint32_t w = t - kReaders;
+        for (std::uint32_t seq = 0; seq < kPerWriter; ++seq) {
+            MBUF_IOVEC_S iov{Stamped(w, seq), 64, 0};
+            std::uint32_t token = 1;
+            while (KRM_PipeTokenAlloc(kPipe, &token) != 0) {
+                std::this_thread::yield();
             }
-        });
-    }
-    for (std::thread &t : threads) {
-        t.join();
-    }
+            while (KRM_PipeIovecWrite(kPipe, 1, &iov) == KRM_HOST_PIPE_ERR_FULL) {
+                std::this_thread::yield();
+            }
+        }
+    });
     std::map<std::uint32_t, std::uint32_t> perWriter;
     for (const auto &reader : seen) {
         std::map<std::uint32_t, std::uint32_t> next;  // per writer, the least seq still allowed
@@ -87,10 +77,9 @@ TEST_F(PipeThreadTest, WritersAndReadersOnSeveralThreadsLoseNothing) {
     for (std::uint32_t w = 0; w < kWriters; ++w) {
         EXPECT_EQ(perWriter[w], kPerWriter) << "writer " << w;
     }
-    KRM_HOST_PIPE_STATS_S stats{};
-    ASSERT_EQ(KRM_HOST_PipeStats(kPipe, &stats), 0u);
-    EXPECT_EQ(stats.ulWritten, kWriters * kPerWriter);
-    EXPECT_EQ(stats.ulRead, kWriters * kPerWriter);
+    const KRM_HOST_PIPE_STATS_S stats = Stats(kPipe);
+    EXPECT_EQ(std::pair(stats.ulWritten, stats.ulRead),
+              std::pair(kWriters * kPerWriter, kWriters * kPerWriter));
     EXPECT_EQ(KRM_HOST_PipeTokens(kPipe), KRM_HOST_PIPE_DEFAULT_TOKENS) << "every credit returned";
 }
 
@@ -99,9 +88,8 @@ TEST_F(PipeThreadTest, WritersAndReadersOnSeveralThreadsLoseNothing) {
 TEST_F(PipeThreadTest, ClosingUnderRunningWritersLeavesNothingBehind) {
     ASSERT_EQ(KRM_HOST_PipeOpen(kPipe, 16), 0u);
     std::atomic<bool> stop{false};
-    std::vector<std::thread> writers;
-    for (std::uint32_t w = 0; w < kWriters; ++w) {
-        writers.emplace_back([w, &stop] {
+    std::thread writers([&] {
+        RunThreads(kWriters, [&](int w) {
             for (std::uint32_t seq = 0; !stop.load(); ++seq) {
                 MBUF_IOVEC_S iov{Stamped(w, seq), 64, 0};
                 const std::uint32_t rc = w % 2 == 0 ? KRM_PipeIovecWrite(kPipe, 1, &iov)
@@ -112,7 +100,7 @@ TEST_F(PipeThreadTest, ClosingUnderRunningWritersLeavesNothingBehind) {
                 }
             }
         });
-    }
+    });
     for (int round = 0; round < 40; ++round) {
         std::this_thread::sleep_for(std::chrono::microseconds(300));
         FreeGot(ReadOne(kPipe));
@@ -120,9 +108,7 @@ TEST_F(PipeThreadTest, ClosingUnderRunningWritersLeavesNothingBehind) {
         ASSERT_EQ(KRM_HOST_PipeOpen(kPipe, 16), 0u);
     }
     stop.store(true);
-    for (std::thread &t : writers) {
-        t.join();
-    }
+    writers.join();
     ASSERT_EQ(KRM_HOST_PipeClose(kPipe), 0u);
     EXPECT_EQ(KRM_HOST_ReportCount(), 0u);
 }
@@ -131,44 +117,34 @@ TEST_F(PipeThreadTest, ClosingUnderRunningWritersLeavesNothingBehind) {
 TEST_F(PipeThreadTest, FramesFromASocketReachReadersOnOtherThreads) {
     constexpr std::uint32_t kFrames = 300;
     constexpr std::uint32_t kNet = 12;
-    char dirTmpl[] = "/tmp/krm_pipe_XXXXXX";
-    ASSERT_NE(::mkdtemp(dirTmpl), nullptr);
-    const std::string path = std::string(dirTmpl) + "/t.sock";
+    TempDir dir;
+    const std::string path = dir.Sock("pipe.sock");
     ASSERT_EQ(KRM_HOST_PipeOpen(kNet, 0), 0u);
     ASSERT_EQ(KRM_HOST_PipeListen(kNet, path.c_str()), 0u);
     // A peer in this process: a second pipe id cannot share the socket, so
     // the peer writes frames of the same layout from a buffer of its own.
-    std::vector<unsigned char> frame;
-    for (std::uint32_t w :
-         {0x4B524D46u, 1u, 32u + 4u + 20u + 8u, kNet, 1u, 1u, 0u, 0u, 1u, 8u, 8u, 0u, 0u, 0u}) {
-        for (int s = 24; s >= 0; s -= 8) {
-            frame.push_back(static_cast<unsigned char>(w >> s));
-        }
-    }
-    frame.resize(frame.size() + 8, 0x5A);
-    const int fd = ::socket(AF_UNIX, SOCK_STREAM, 0);
-    sockaddr_un addr{};
-    addr.sun_family = AF_UNIX;
-    std::memcpy(addr.sun_path, path.c_str(), path.size() + 1);
-    ASSERT_EQ(::connect(fd, reinterpret_cast<sockaddr *>(&addr), sizeof(addr)), 0);
-    std::thread sender([&] {
-        for (std::uint32_t i = 0; i < kFrames; ++i) {
+    RawFrame raw;
+    raw.id = kNet;
+    raw.recs = {{8, 8, 0, 0, 0}};
+    raw.data.assign(8, 0x5A);
+    const std::vector<unsigned char> frame = raw.Bytes();
+    const int fd = ConnectRaw(path);
+    ASSERT_GE(fd, 0);
+    std::atomic<std::uint32_t> taken{0};
+    std::vector<std::vector<std::pair<std::uint32_t, std::uint32_t>>> seen(3);
+    RunThreads(3, [&](int t) {
+        for (std::uint32_t i = 0; t == 0 && i < kFrames; ++i) {
             ASSERT_EQ(::send(fd, frame.data(), frame.size(), MSG_NOSIGNAL),
                       static_cast<ssize_t>(frame.size()));
         }
+        if (t != 0) {
+            ReadAll(kNet, &taken, kFrames, &seen[t]);
+        }
     });
-    std::atomic<std::uint32_t> taken{0};
-    std::vector<std::vector<std::pair<std::uint32_t, std::uint32_t>>> seen(2);
-    std::thread r0(ReadAll, kNet, &taken, kFrames, &seen[0]);
-    std::thread r1(ReadAll, kNet, &taken, kFrames, &seen[1]);
-    sender.join();
-    r0.join();
-    r1.join();
-    EXPECT_EQ(seen[0].size() + seen[1].size(), kFrames);
+    EXPECT_EQ(seen[1].size() + seen[2].size(), kFrames);
     EXPECT_EQ(KRM_HOST_PipeDepth(kNet), 0u);
     (void)::close(fd);
     ASSERT_EQ(KRM_HOST_PipeClose(kNet), 0u);
-    (void)::rmdir(dirTmpl);
 }
 
 }  // namespace

@@ -1,12 +1,8 @@
 // Writes and reads of an in-process pipe: what a reader receives for what a
 // writer gave, whose buffers are released, the order of the queue, package
 // reads, credits, and writes that must be refused without touching anything.
-#include <gtest/gtest.h>
 
-#include <functional>
-#include <string>
-
-#include "pipe_test_util.h"
+#include "platform_util.h"
 
 namespace krm::test::platform {
 namespace {
@@ -19,60 +15,45 @@ class PipeWriteTest : public HostTest {
     }
 };
 
-enum class Kind { kNormal, kPrio, kUrgent, kNoFree, kIntra };
+using WriteFn = std::uint32_t (*)(std::uint32_t, std::uint32_t, MBUF_IOVEC_S *);
+
+std::uint32_t WriteIntra(std::uint32_t pipe, std::uint32_t n, MBUF_IOVEC_S *iov) {
+    MBUF_TRANS_DESC_S desc{n, iov};
+    return KRM_PipeWriteIovecIntra(pipe, 1, &desc);
+}
 
 struct KindRow {
-    Kind kind;
+    WriteFn write;
     const char *name;
     bool takesOver;
 };
 
 constexpr KindRow kKinds[] = {
-    {Kind::kNormal, "normal", true}, {Kind::kPrio, "priority", true},
-    {Kind::kUrgent, "urgent", true}, {Kind::kNoFree, "no-free", false},
-    {Kind::kIntra, "package", true},
+    {KRM_PipeIovecWrite, "normal", true},
+    {KRM_PipeIovecPrioWrite, "priority", true},
+    {TQM_PipeUrgentIovecWrite, "urgent", true},
+    {TQM_PipeIovecNoFreeWrite, "no-free", false},
+    {WriteIntra, "package", true},
 };
 
-std::uint32_t Write(Kind kind, std::uint32_t pipe, WriterPacket *pkt) {
-    const auto n = static_cast<std::uint32_t>(pkt->iov.size());
-    switch (kind) {
-        case Kind::kNormal:
-            return KRM_PipeIovecWrite(pipe, n, pkt->iov.data());
-        case Kind::kPrio:
-            return KRM_PipeIovecPrioWrite(pipe, n, pkt->iov.data());
-        case Kind::kUrgent:
-            return TQM_PipeUrgentIovecWrite(pipe, n, pkt->iov.data());
-        case Kind::kNoFree:
-            return TQM_PipeIovecNoFreeWrite(pipe, n, pkt->iov.data());
-        case Kind::kIntra: {
-            MBUF_TRANS_DESC_S desc{n, pkt->iov.data()};
-            return KRM_PipeWriteIovecIntra(pipe, 1, &desc);
-        }
-    }
-    return ~0u;
-}
-
-// Node pieces cut at their data end, a whole cluster, a block, an empty
-// piece, and memory that is no pipe buffer at all.
-WriterPacket MixedPacket() {
-    WriterPacket pkt;
-    pkt.pieces = {{936, 212}, {936, 520}, {1960, 1960}, {448, 300}, {100, 0}, {0, 50, false}};
-    return pkt;
+std::uint32_t Write(const KindRow &kind, std::uint32_t pipe, WriterPacket *pkt) {
+    return kind.write(pipe, static_cast<std::uint32_t>(pkt->iov.size()), pkt->iov.data());
 }
 
 TEST_F(PipeWriteTest, EveryWriteHandsTheReaderFreshCopiesOfTheWritersBuffers) {
     for (const KindRow &row : kKinds) {
         SCOPED_TRACE(row.name);
-        WriterPacket pkt = MixedPacket();
+        // Node pieces cut at their data end, a whole cluster, a block, an
+        // empty piece, and memory that is no pipe buffer at all.
+        WriterPacket pkt{
+            {{936, 212}, {936, 520}, {1960, 1960}, {448, 300}, {100, 0}, {0, 50, false}}, {}};
         pkt.Make(3);
         ASSERT_EQ(KRM_DbufMsgCtrlFlagSet(pkt.pieces[0].addr, 0x55), 0u);
         ASSERT_EQ(KRM_HOST_SetTraceId(pkt.pieces[1].addr, 0xABCD), 0u);
-        ASSERT_EQ(Write(row.kind, kPipe, &pkt), 0u);
+        ASSERT_EQ(Write(row, kPipe, &pkt), 0u);
 
         const GotPackage got = ReadOne(kPipe);
-        ASSERT_EQ(got.rc, 0u);
-        EXPECT_EQ(got.status, 0u);
-        ASSERT_EQ(got.packets.size(), 1u);
+        ASSERT_EQ(std::tuple(got.rc, got.status, got.packets.size()), std::tuple(0u, 0u, 1u));
         ASSERT_EQ(got.packets[0].size(), pkt.pieces.size());
         for (std::size_t i = 0; i < pkt.pieces.size(); ++i) {
             const GotPiece &piece = got.packets[0][i];
@@ -84,8 +65,8 @@ TEST_F(PipeWriteTest, EveryWriteHandsTheReaderFreshCopiesOfTheWritersBuffers) {
         }
         KRM_HOST_BUF_INFO_S info;
         ASSERT_EQ(KRM_HOST_BufferInfo(got.packets[0][0].addr, &info), 0u);
-        EXPECT_EQ(info.ulCtrlFlag, 0x55u) << "the priority stamp travels";
-        EXPECT_EQ(info.ulOwner, kModule) << "so does the owner (the packet's memory handle)";
+        // The priority stamp travels, and so does the owner (the packet's memory handle).
+        EXPECT_EQ(std::pair(info.ulCtrlFlag, info.ulOwner), std::pair(0x55u, kModule));
         ASSERT_EQ(KRM_HOST_BufferInfo(got.packets[0][1].addr, &info), 0u);
         EXPECT_EQ(info.ulTraceId, 0xABCDu) << "the trace id travels";
         FreeGot(got);
@@ -100,41 +81,35 @@ TEST_F(PipeWriteTest, RefusedWritesLeaveTheWritersBuffersAlone) {
     struct Row {
         const char *name;
         std::uint32_t pipe;
-        std::function<void(WriterPacket *)> spoil;
+        void (*spoil)(WriterPacket *);
         std::uint32_t rc;
     };
     const auto none = [](WriterPacket *) {};
+    const auto fill = [](WriterPacket *) {
+        for (std::uint32_t i = 0; i < 4; ++i) {
+            WriterPacket filler{{{64, 64}}, {}};
+            ASSERT_EQ(KRM_PipeIovecWrite(kPipe, 1, filler.Make(90).iov.data()), 0u);
+        }
+    };
+    // clang-format off
     const Row rows[] = {
         {"identifier out of range", KRM_HOST_PIPE_MAX, none, KRM_HOST_PIPE_ERR_RANGE},
         {"identifier far out of range", 0xFFFFFFFFu, none, KRM_HOST_PIPE_ERR_RANGE},
         {"pipe not opened", kPipe + 1, none, KRM_HOST_PIPE_ERR_NOT_OPENED},
-        {"NULL piece", kPipe, [](WriterPacket *p) { p->iov[1].pBuf = nullptr; },
-         KRM_HOST_PIPE_ERR_ARGUMENT},
-        {"piece longer than its buffer", kPipe, [](WriterPacket *p) { p->iov[0].ulLen = 937; },
-         KRM_HOST_PIPE_ERR_ARGUMENT},
-        {"queue full", kPipe,
-         [](WriterPacket *) {
-             for (int i = 0; i < 4; ++i) {
-                 WriterPacket filler;
-                 filler.pieces = {{64, 64}};
-                 filler.Make(90);
-                 ASSERT_EQ(KRM_PipeIovecWrite(kPipe, 1, filler.iov.data()), 0u);
-             }
-         },
-         KRM_HOST_PIPE_ERR_FULL},
-        {"no memory for the second copy", kPipe, [](WriterPacket *) { KRM_HOST_FailNthAlloc(2); },
-         KRM_HOST_PIPE_ERR_NO_MEMORY},
+        {"NULL piece", kPipe, [](WriterPacket *p) { p->iov[1].pBuf = nullptr; }, KRM_HOST_PIPE_ERR_ARGUMENT},
+        {"piece longer than its buffer", kPipe, [](WriterPacket *p) { p->iov[0].ulLen = 937; }, KRM_HOST_PIPE_ERR_ARGUMENT},
+        {"queue full", kPipe, fill, KRM_HOST_PIPE_ERR_FULL},
+        {"no memory for the second copy", kPipe, [](WriterPacket *) { KRM_HOST_FailNthAlloc(2); }, KRM_HOST_PIPE_ERR_NO_MEMORY},
     };
+    // clang-format on
     for (const Row &row : rows) {
         for (const KindRow &kind : kKinds) {
             SCOPED_TRACE(std::string(row.name) + ", " + kind.name + " write");
-            WriterPacket pkt;
-            pkt.pieces = {{936, 100}, {1960, 1000}};
-            pkt.Make(5);
-            row.spoil(&pkt);
+            WriterPacket pkt{{{936, 100}, {1960, 1000}}, {}};
+            row.spoil(&pkt.Make(5));
             const std::uint32_t depth = KRM_HOST_PipeDepth(kPipe);
             const std::uint32_t live = KRM_HOST_LiveBufferCount();
-            EXPECT_EQ(Write(kind.kind, row.pipe, &pkt), row.rc);
+            EXPECT_EQ(Write(kind, row.pipe, &pkt), row.rc);
             EXPECT_TRUE(pkt.pieces[0].Intact() && pkt.pieces[1].Intact());
             EXPECT_EQ(KRM_HOST_PipeDepth(kPipe), depth);
             EXPECT_EQ(KRM_HOST_LiveBufferCount(), live);
@@ -179,19 +154,15 @@ TEST_F(PipeWriteTest, CountsOfPiecesAndPacketsOutsideTheLimitsAreRefused) {
 TEST_F(PipeWriteTest, UrgentAndPriorityWritesFindTheirPlace) {
     ASSERT_EQ(KRM_HOST_PipeClose(kPipe), 0u);
     ASSERT_EQ(KRM_HOST_PipeOpen(kPipe, 0), 0u);
-    struct Op {
-        Kind kind;
-        std::uint32_t prio;
-    };
-    const Op ops[] = {{Kind::kNormal, 0}, {Kind::kPrio, 5},   {Kind::kPrio, 5}, {Kind::kUrgent, 0},
-                      {Kind::kPrio, 9},   {Kind::kNormal, 9}, {Kind::kPrio, 1}, {Kind::kUrgent, 3}};
+    const KindRow &normal = kKinds[0], &prio = kKinds[1], &urgent = kKinds[2];
+    const std::pair<const KindRow &, std::uint32_t> ops[] = {{normal, 0}, {prio, 5},  {prio, 5},
+                                                             {urgent, 0}, {prio, 9},  {normal, 9},
+                                                             {prio, 1},   {urgent, 3}};
     const std::vector<std::uint32_t> expected = {7, 3, 4, 1, 2, 6, 0, 5};
     for (std::uint32_t i = 0; i < std::size(ops); ++i) {
-        WriterPacket pkt;
-        pkt.pieces = {{16, 16}};
-        pkt.Make(i);
-        ASSERT_EQ(KRM_DbufMsgCtrlFlagSet(pkt.pieces[0].addr, ops[i].prio), 0u);
-        ASSERT_EQ(Write(ops[i].kind, kPipe, &pkt), 0u);
+        WriterPacket pkt{{{16, 16}}, {}};
+        ASSERT_EQ(KRM_DbufMsgCtrlFlagSet(pkt.Make(i).pieces[0].addr, ops[i].second), 0u);
+        ASSERT_EQ(Write(ops[i].first, kPipe, &pkt), 0u);
     }
     std::vector<std::uint32_t> order;
     for (GotPackage got = ReadOne(kPipe); !got.packets.empty(); got = ReadOne(kPipe)) {
@@ -221,9 +192,7 @@ TEST_F(PipeWriteTest, PackageReadDescribesEachPacketWithinTheCallersRoom) {
     EXPECT_EQ(KRM_HOST_PipeDepth(kPipe), 1u) << "a package that does not fit stays queued";
 
     got = ReadOne(kPipe, 3);
-    ASSERT_EQ(got.rc, 0u);
-    EXPECT_EQ(got.status, 0u);
-    EXPECT_EQ(got.aux, 0u);
+    ASSERT_EQ(std::tuple(got.rc, got.status, got.aux), std::tuple(0u, 0u, 0u));
     ASSERT_EQ(got.packets.size(), 3u);
     for (std::uint32_t p = 0; p < 3; ++p) {
         ASSERT_EQ(got.packets[p].size(), p + 1);
@@ -235,9 +204,7 @@ TEST_F(PipeWriteTest, PackageReadDescribesEachPacketWithinTheCallersRoom) {
     FreeGot(got);
 
     const GotPackage empty = ReadOne(kPipe, 3);
-    EXPECT_EQ(empty.rc, 0u);
-    EXPECT_EQ(empty.status, 2u);
-    EXPECT_TRUE(empty.packets.empty());
+    EXPECT_EQ(std::tuple(empty.rc, empty.status, empty.packets.size()), std::tuple(0u, 2u, 0u));
 }
 
 TEST_F(PipeWriteTest, TokensAreCreditsThatReadsReturnUpToTheNumberSet) {
@@ -251,8 +218,7 @@ TEST_F(PipeWriteTest, TokensAreCreditsThatReadsReturnUpToTheNumberSet) {
     EXPECT_EQ(KRM_PipeTokenAlloc(kPipe, &one), KRM_HOST_PIPE_ERR_NO_TOKEN);
     EXPECT_EQ(KRM_HOST_PipeTokens(kPipe), 0u);
     for (std::uint32_t i = 0; i < 3; ++i) {
-        WriterPacket pkt;
-        pkt.pieces = {{8, 8}};
+        WriterPacket pkt{{{8, 8}}, {}};
         pkt.Make(i);
         ASSERT_EQ(KRM_PipeIovecWrite(kPipe, 1, pkt.iov.data()), 0u);
     }
@@ -271,27 +237,22 @@ TEST_F(PipeWriteTest, TokensAreCreditsThatReadsReturnUpToTheNumberSet) {
 TEST_F(PipeWriteTest, EveryServiceAnswersRangeAndNotOpened) {
     MBUF_IOVEC_S iov{nullptr, 0, 0};
     MBUF_TRANS_DESC_S desc{1, &iov};
+    std::uint32_t n = 1, status = 0, aux = 0;
+    KRM_HOST_PIPE_STATS_S stats;
+    // clang-format off
     const std::function<std::uint32_t(std::uint32_t)> services[] = {
         [&](std::uint32_t id) { return KRM_PipeIovecWrite(id, 1, &iov); },
         [&](std::uint32_t id) { return KRM_PipeIovecPrioWrite(id, 1, &iov); },
         [&](std::uint32_t id) { return TQM_PipeUrgentIovecWrite(id, 1, &iov); },
         [&](std::uint32_t id) { return TQM_PipeIovecNoFreeWrite(id, 1, &iov); },
         [&](std::uint32_t id) { return KRM_PipeWriteIovecIntra(id, 1, &desc); },
-        [&](std::uint32_t id) {
-            std::uint32_t n = 1;
-            return KRM_PipeTokenAlloc(id, &n);
-        },
-        [&](std::uint32_t id) {
-            std::uint32_t n = 1, status = 0, aux = 0;
-            return KRM_PipePackageRead(id, &n, &desc, &status, &aux);
-        },
+        [&](std::uint32_t id) { return KRM_PipeTokenAlloc(id, &(n = 1)); },
+        [&](std::uint32_t id) { return KRM_PipePackageRead(id, &(n = 1), &desc, &status, &aux); },
         [&](std::uint32_t id) { return KRM_HOST_PipeClose(id); },
         [&](std::uint32_t id) { return KRM_HOST_PipeSetTokens(id, 3); },
-        [&](std::uint32_t id) {
-            KRM_HOST_PIPE_STATS_S stats;
-            return KRM_HOST_PipeStats(id, &stats);
-        },
+        [&](std::uint32_t id) { return KRM_HOST_PipeStats(id, &stats); },
     };
+    // clang-format on
     for (std::size_t s = 0; s < std::size(services); ++s) {
         SCOPED_TRACE("service " + std::to_string(s));
         EXPECT_EQ(services[s](KRM_HOST_PIPE_MAX), KRM_HOST_PIPE_ERR_RANGE);
@@ -322,37 +283,30 @@ struct TapLog {
 TEST_F(PipeWriteTest, TapSeesTheWritersPiecesAndCountersFollowTheTraffic) {
     TapLog log;
     KRM_HOST_PipeSetTap(kPipe, TapLog::Tap, &log);
-    WriterPacket a;
-    a.pieces = {{936, 40}};
+    WriterPacket a{{{936, 40}}, {}};
     a.Make(1);
-    WriterPacket b;
-    b.pieces = {{448, 30}, {64, 64}};
+    WriterPacket b{{{448, 30}, {64, 64}}, {}};
     b.Make(2);
     MBUF_TRANS_DESC_S descs[2] = {{1, a.iov.data()}, {2, b.iov.data()}};
     const void *aAddr = a.pieces[0].addr;
     ASSERT_EQ(KRM_PipeWriteIovecIntra(kPipe, 2, descs), 0u);
-    WriterPacket c;
-    c.pieces = {{448, 30}, {64, 64}};
+    WriterPacket c{{{448, 30}, {64, 64}}, {}};
     c.Make(3);
     ASSERT_EQ(TQM_PipeIovecNoFreeWrite(kPipe, 2, c.iov.data()), 0u);
     EXPECT_EQ(KRM_PipeIovecWrite(kPipe, 0, c.iov.data()), KRM_HOST_PIPE_ERR_ARGUMENT);
 
     ASSERT_EQ(log.seen.size(), 2u) << "refused writes are not shown";
-    EXPECT_EQ(log.seen[0].pipe, kPipe);
-    EXPECT_EQ(log.seen[0].packets, 2u);
-    EXPECT_EQ(log.seen[0].first, aAddr) << "the writer's address, not the copy";
-    EXPECT_EQ(log.seen[0].firstLen, 40u);
-    EXPECT_EQ(log.seen[0].firstByte, PatternByte(1, 0)) << "shown before it is released";
+    // The writer's address, not the copy, shown before it is released.
+    const TapLog::Seen &first = log.seen[0];
+    EXPECT_EQ(std::tuple(first.pipe, first.packets, first.first, first.firstLen, first.firstByte),
+              std::tuple(kPipe, 2u, aAddr, 40u, PatternByte(1, 0)));
     EXPECT_EQ(log.seen[1].packets, 1u);
 
     FreeGot(ReadOne(kPipe));
-    KRM_HOST_PIPE_STATS_S stats{};
-    ASSERT_EQ(KRM_HOST_PipeStats(kPipe, &stats), 0u);
-    EXPECT_EQ(stats.ulWritten, 2u);
-    EXPECT_EQ(stats.ulPktsWritten, 3u);
-    EXPECT_EQ(stats.ulRead, 1u);
-    EXPECT_EQ(stats.ulPktsRead, 2u);
-    EXPECT_EQ(stats.ulRefused, 0u);
+    const KRM_HOST_PIPE_STATS_S stats = Stats(kPipe);
+    EXPECT_EQ(std::vector({stats.ulWritten, stats.ulPktsWritten, stats.ulRead, stats.ulPktsRead,
+                           stats.ulRefused}),
+              std::vector<std::uint32_t>({2, 3, 1, 2, 0}));
     KRM_HOST_PipeSetTap(kPipe, nullptr, nullptr);
     Drain(kPipe);
     c.Free();
@@ -364,8 +318,7 @@ TEST_F(PipeWriteTest, CloseAndResetReleaseWhatIsQueued) {
         if (byReset) {
             ASSERT_EQ(KRM_HOST_PipeOpen(kPipe, 4), 0u);
         }
-        WriterPacket pkt;
-        pkt.pieces = {{936, 900}, {1960, 10}};
+        WriterPacket pkt{{{936, 900}, {1960, 10}}, {}};
         pkt.Make(4);
         ASSERT_EQ(KRM_PipeIovecWrite(kPipe, 2, pkt.iov.data()), 0u);
         EXPECT_EQ(KRM_HOST_LiveBufferCount(), 2u) << "the queued copies";

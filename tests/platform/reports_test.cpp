@@ -1,11 +1,7 @@
 // The report sink: what the library and the platform report is kept in
 // order with its file, line and text, and can be echoed.
 #include <gmock/gmock.h>
-#include <gtest/gtest.h>
 
-#include <string>
-
-#include "host_test.h"
 #include "platform_util.h"
 
 namespace krm::test::platform {

@@ -1,14 +1,9 @@
 // Buffers cross threads: released on another thread than the one that made
 // them, caches handed back when a thread ends, counts right throughout.
-#include <gtest/gtest.h>
 
 #include <algorithm>
 #include <atomic>
-#include <cstring>
-#include <thread>
-#include <vector>
 
-#include "host_test.h"
 #include "platform_util.h"
 
 namespace krm::test::platform {
@@ -68,7 +63,7 @@ TEST_F(ThreadTest, ConcurrentAllocationAndCrossReleaseKeepBuffersApart) {
     constexpr std::uint32_t kPerThread = 2000;
     std::vector<std::vector<unsigned char *>> made(kThreads);
     std::atomic<int> ready{0};
-    auto work = [&](int t) {
+    RunThreads(kThreads, [&](int t) {
         for (std::uint32_t i = 0; i < kPerThread; ++i) {
             const std::uint32_t len = (i % 4 == 3) ? 3000 : 100 + (i % 3) * 800;
             auto *p = static_cast<unsigned char *>(AllocDbuf(len, kModule + t));
@@ -89,14 +84,7 @@ TEST_F(ThreadTest, ConcurrentAllocationAndCrossReleaseKeepBuffersApart) {
             EXPECT_EQ(std::count(p, p + len, other + 1), len) << "changed under another thread";
             EXPECT_EQ(FreeDbuf(p), 0u);
         }
-    };
-    std::vector<std::thread> threads;
-    for (int t = 0; t < kThreads; ++t) {
-        threads.emplace_back(work, t);
-    }
-    for (std::thread &th : threads) {
-        th.join();
-    }
+    });
     EXPECT_EQ(KRM_HOST_LiveBufferCount(), 0u);
     EXPECT_EQ(KRM_HOST_AllocAttemptCount(), kThreads * kPerThread);
     EXPECT_EQ(KRM_HOST_ReportCount(), 0u);

@@ -1,7 +1,9 @@
-// External data blocks: the block count for a length, the sizes a list is
-// filled with, the fault sweep over both allocating operations (a failure
-// leaves nothing allocated and the caller's entries cleared), and packets
-// built from filled lists.
+// External data: the block count for a length, the sizes a list is filled
+// with, the fault sweep over both allocating operations (a failure leaves
+// nothing allocated and the caller's entries cleared), packets built from
+// filled lists, and received nodes whose data is moved into a cluster.
+#include <algorithm>
+
 #include "fault_sweep.h"
 #include "serial_support.h"
 
@@ -32,16 +34,14 @@ struct AllocRow {
 class ExtDataAllocTest : public ExtDataTest, public ::testing::WithParamInterface<AllocRow> {};
 
 // Each row is swept: every failing allocation gives 1008 with every entry
-// cleared; the run without a fault fills the list as the row says.
+// cleared; the run without a fault fills the list as the row says. Entries
+// start with stale values the walk must overwrite; one past the list stays.
 TEST_P(ExtDataAllocTest, ListsAreFilledAndSweptClean) {
     const AllocRow &row = GetParam();
     std::vector<MBUF_EXTDATA_BLOCK_S> blocks(row.blocks + 1);
     MBUF_EXTDATA_LIST_S list{};
-    // Entries start with stale values the walk must overwrite.
     const auto reset = [&] {
-        for (auto &b : blocks) {
-            b = MBUF_EXTDATA_BLOCK_S{nullptr, 0xDEAD};
-        }
+        std::fill(blocks.begin(), blocks.end(), MBUF_EXTDATA_BLOCK_S{nullptr, 0xDEAD});
         list = MBUF_EXTDATA_LIST_S{row.blocks, row.total, blocks.data()};
     };
     if (row.result != MBUF_OK) {
@@ -60,16 +60,12 @@ TEST_P(ExtDataAllocTest, ListsAreFilledAndSweptClean) {
         },
         [&] {
             for (uint32_t i = 0; i < row.blocks; ++i) {
-                SCOPED_TRACE(i);
-                if (i < row.entries.size()) {
-                    EXPECT_EQ(blocks[i].ulLen, row.entries[i].first);
-                    EXPECT_EQ(KRM_DbufLengthGET(blocks[i].pucData), row.entries[i].second);
-                } else {
-                    EXPECT_EQ(blocks[i].pucData, nullptr);
-                    EXPECT_EQ(blocks[i].ulLen, 0u);
-                }
+                const bool bUsed = i < row.entries.size();
+                EXPECT_EQ(blocks[i].ulLen, bUsed ? row.entries[i].first : 0u) << i;
+                EXPECT_EQ(KRM_DbufLengthGET(blocks[i].pucData), bUsed ? row.entries[i].second : 0u);
+                EXPECT_EQ(blocks[i].pucData != nullptr, bUsed) << i;
             }
-            EXPECT_EQ(blocks[row.blocks].ulLen, 0xDEADu);  // past the list: untouched
+            EXPECT_EQ(blocks[row.blocks].ulLen, 0xDEADu);
             MBUF_ExtDataBlockFree_fl(&list, "t", 2);
             MBUF_ExtDataBlockFree_fl(&list, "t", 3);  // a second release frees nothing
         },
@@ -91,13 +87,23 @@ INSTANTIATE_TEST_SUITE_P(
         AllocRow{"zero_blocks", 0, 10, MBUF_ERR_BAD_ARG, {}}),
     [](const auto &row) { return std::string(row.param.name); });
 
-TEST_F(ExtDataTest, NullArguments) {
+// Missing lists; an entry that claims more data than its block holds would
+// let the node reach past the block: the packet is refused and everything
+// released.
+TEST_F(ExtDataTest, NullArgumentsAndOverlongEntries) {
     EXPECT_EQ(MBUF_ExtDataBlockAlloc(nullptr, kModule), MBUF_ERR_EXTDATA_NULL_LIST);
     MBUF_ExtDataBlockFree_fl(nullptr, "t", 1);
-    MBUF_EXTDATA_LIST_S list{2, 100, nullptr};
-    MBUF_ExtDataBlockFree_fl(&list, "t", 1);
+    MBUF_EXTDATA_LIST_S none{2, 100, nullptr};
+    MBUF_ExtDataBlockFree_fl(&none, "t", 1);
     EXPECT_EQ(MBUF_CreateByExtDataBlock(nullptr, kModule), nullptr);
+    EXPECT_EQ(MBUF_CreateByExtDataBlock(&none, kModule), nullptr);
+    MBUF_EXTDATA_BLOCK_S blocks[2]{};
+    MBUF_EXTDATA_LIST_S list{2, 4000, blocks};
+    ASSERT_EQ(MBUF_ExtDataBlockAlloc(&list, kModule), 0u);
+    blocks[0].ulLen = 5000;
     EXPECT_EQ(MBUF_CreateByExtDataBlock(&list, kModule), nullptr);
+    EXPECT_EQ(blocks[0].pucData, nullptr);
+    EXPECT_EQ(KRM_HOST_LiveBufferCount(), 0u);
 }
 
 // A filled list becomes a packet whose nodes hold the blocks themselves.
@@ -112,36 +118,28 @@ class ExtDataCreateTest : public ExtDataTest, public ::testing::WithParamInterfa
 // The fault sweep by hand: a failing creation releases the caller's blocks
 // too, which the shared sweep would take for a leak of its input.
 TEST_P(ExtDataCreateTest, PacketTakesTheBlocksOver) {
-    const CreateRow &row = GetParam();
-    std::vector<MBUF_EXTDATA_BLOCK_S> blocks(row.lens.size());
-    MBUF_EXTDATA_LIST_S list{};
-    Bytes model;
-    std::vector<uint8_t *> given;
-    const auto fill = [&] {
-        model.clear();
-        given.clear();
-        uint32_t total = 0;
-        for (const uint32_t len : row.lens) {
-            total += len;
-        }
-        list = MBUF_EXTDATA_LIST_S{static_cast<uint32_t>(row.lens.size()), total, blocks.data()};
-        // Each entry gets a block of its own length; the caller fills it.
-        for (uint32_t i = 0; i < row.lens.size(); ++i) {
-            blocks[i] = MBUF_EXTDATA_BLOCK_S{nullptr, 0};
-            if (row.lens[i] == 0) {
-                continue;
-            }
-            MBUF_EXTDATA_LIST_S one{1, row.lens[i], &blocks[i]};
-            ASSERT_EQ(MBUF_ExtDataBlockAlloc(&one, kModule), 0u);
-            const Bytes bytes = Counting(row.lens[i], static_cast<uint8_t>(i * 40));
-            std::memcpy(blocks[i].pucData, bytes.data(), bytes.size());
-            model.insert(model.end(), bytes.begin(), bytes.end());
-            given.push_back(blocks[i].pucData);
-        }
-    };
+    const std::vector<uint32_t> &lens = GetParam().lens;
+    std::vector<MBUF_EXTDATA_BLOCK_S> blocks(lens.size());
+    const auto later = static_cast<uint32_t>(
+        std::count_if(lens.begin() + 1, lens.end(), [](uint32_t l) { return l != 0; }));
     for (uint32_t nth = 1; nth < 64; ++nth) {
         SCOPED_TRACE(nth);
-        fill();
+        // Each entry gets a block of its own length; the caller fills it.
+        Bytes model;
+        std::vector<uint8_t *> given;
+        MBUF_EXTDATA_LIST_S list{static_cast<uint32_t>(lens.size()), 0, blocks.data()};
+        for (uint32_t i = 0; i < lens.size(); ++i) {
+            blocks[i] = MBUF_EXTDATA_BLOCK_S{nullptr, 0};
+            list.ulTotalLen += lens[i];
+            MBUF_EXTDATA_LIST_S one{1, lens[i], &blocks[i]};
+            if (lens[i] != 0) {
+                ASSERT_EQ(MBUF_ExtDataBlockAlloc(&one, kModule), 0u);
+                const Bytes bytes = Counting(lens[i], static_cast<uint8_t>(i * 40));
+                std::memcpy(blocks[i].pucData, bytes.data(), bytes.size());
+                model.insert(model.end(), bytes.begin(), bytes.end());
+                given.push_back(blocks[i].pucData);
+            }
+        }
         const uint32_t attempts = KRM_HOST_AllocAttemptCount();
         KRM_HOST_FailNthAlloc(nth);
         MBUF_S *pkt = MBUF_CreateByExtDataBlock(&list, kModule);
@@ -169,12 +167,9 @@ TEST_P(ExtDataCreateTest, PacketTakesTheBlocksOver) {
             }
         }
         EXPECT_EQ(held, given);
-        // The head holds entry 0 (an empty entry 0 leaves it without data),
-        // and every later entry with a block gets a node of its own.
-        const auto later = static_cast<uint32_t>(
-            std::count_if(row.lens.begin() + 1, row.lens.end(), [](uint32_t l) { return l != 0; }));
+        // Every later entry with a block gets a node of its own.
         EXPECT_EQ(krm::test::NodeCount(pkt), later + 1);
-        EXPECT_EQ(pkt->ulDataLen, row.lens[0]);
+        EXPECT_EQ(pkt->ulDataLen, lens[0]);
         MBUF_Destroy(pkt);
         EXPECT_EQ(nth, later + 2);
         return;
@@ -189,16 +184,101 @@ INSTANTIATE_TEST_SUITE_P(Rows, ExtDataCreateTest,
                                            CreateRow{"empty_middle", {300, 0, 900}}),
                          [](const auto &row) { return std::string(row.param.name); });
 
-// An entry that claims more data than its block holds would let the node
-// reach past the block: the packet is refused and everything released.
-TEST_F(ExtDataTest, EntryLongerThanItsBlockIsRefused) {
-    MBUF_EXTDATA_BLOCK_S blocks[2]{};
-    MBUF_EXTDATA_LIST_S list{2, 4000, blocks};
-    ASSERT_EQ(MBUF_ExtDataBlockAlloc(&list, kModule), 0u);
-    blocks[0].ulLen = 5000;
-    EXPECT_EQ(MBUF_CreateByExtDataBlock(&list, kModule), nullptr);
-    EXPECT_EQ(blocks[0].pucData, nullptr);
-    EXPECT_EQ(KRM_HOST_LiveBufferCount(), 0u);
+// A received node: nodeMem bytes of pipe memory, its data written at the
+// recorded offset (running on over the link words, as in transit; a node
+// claiming more than its memory holds gets only what fits).
+struct MoveRow {
+    const char *name;
+    bool header;
+    std::uint32_t nodeMem;
+    std::uint32_t distance;  // data start behind the inline area's start
+    std::uint32_t len;
+    bool moved;
+};
+
+MBUF_S *ReceivedNode(const MoveRow &row, std::uint32_t ulOwner) {
+    auto *node = static_cast<MBUF_S *>(MBUF_MemAlloc_fl(row.nodeMem, ulOwner, nullptr));
+    const MBUF_STRUCT_INIT_S init{row.header ? MBUF_PKTHDR : 0u, MBUF_TYPE_DATA};
+    (void)MBUF_StructInit(node, MBUF_NODE_SIZE, &init);
+    node->ulRsv2 = (row.header ? 500u : 24u) + row.distance;
+    node->ulDataLen = row.len;
+    if (row.header) {
+        node->ulTotalDataLen = row.len;
+    }
+    node->pstNext = reinterpret_cast<MBUF_S *>(0x1234);  // a sender's address
+    const Bytes data = Counting(row.len, 0x21);
+    std::memcpy(reinterpret_cast<std::uint8_t *>(node) + node->ulRsv2, data.data(),
+                std::min(row.len, row.nodeMem - node->ulRsv2));
+    return node;
+}
+
+class RecvExtBufTest : public SerialTest, public ::testing::WithParamInterface<MoveRow> {};
+
+// The moved data lands at its distance in a cluster owned by the owner of
+// the memory the node came in; a refusal changes nothing.
+TEST_P(RecvExtBufTest, DataMovesToAClusterAtItsDistance) {
+    const MoveRow &row = GetParam();
+    MBUF_S *node = ReceivedNode(row, kModule + 1);
+    const auto *raw = reinterpret_cast<std::uint8_t *>(node);
+    const Bytes before(raw, raw + MBUF_NODE_SIZE);
+    const std::uint32_t ulLive = KRM_HOST_LiveBufferCount();
+    const std::uint32_t ulRet = MBUF_AllocExtBuf_fl(node, kModule, "rx", 9);
+    EXPECT_EQ(KRM_HOST_LiveBufferCount(), ulLive + (row.moved ? 1 : 0));
+    if (!row.moved) {
+        EXPECT_EQ(ulRet, 0xFFFFFFFFu);
+        EXPECT_EQ(Bytes(raw, raw + MBUF_NODE_SIZE), before);
+        (void)MBUF_MemFree_fl(node, nullptr);
+        return;
+    }
+    ASSERT_EQ(ulRet, 0u);
+    EXPECT_TRUE(node->ulFlag & MBUF_EXT);
+    EXPECT_EQ(node->pucData, node->pucExtBuf + row.distance);
+    EXPECT_EQ(node->ulExtSize, MBUF_CLUSTER_SIZE);
+    EXPECT_EQ(node->ulExtRefCnt, 1u);
+    EXPECT_EQ(node->pstNext, nullptr);
+    EXPECT_EQ(KRM_DbufLengthGET(node->pucExtBuf), MBUF_CLUSTER_SIZE);
+    KRM_HOST_BUF_INFO_S info{};
+    ASSERT_EQ(KRM_HOST_BufferInfo(node->pucExtBuf, &info), 0u);
+    EXPECT_EQ(info.ulOwner, kModule + 1);
+    EXPECT_EQ(Bytes(node->pucData, node->pucData + row.len), Counting(row.len, 0x21));
+    node->ulRsv2 = 0;
+    MBUF_FreeExtInfoAndMbuf(node, nullptr);
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Shapes, RecvExtBufTest,
+    ::testing::Values(MoveRow{"head_inline_overflow", true, MBUF_NODE_SIZE, 100, 300, true},
+                      MoveRow{"plain_small", false, MBUF_NODE_SIZE, 0, 10, true},
+                      MoveRow{"full_cluster_no_room", false, 2600, 0, 1960, true},
+                      MoveRow{"one_byte_more_room", false, 2600, 1, 1960, false},
+                      MoveRow{"one_byte_more_data", false, 2600, 0, 1961, false},
+                      MoveRow{"room_and_data_fill", true, 2600, 960, 1000, true},
+                      // The distance and length fit a cluster, but the node's own memory
+                      // ends first: nothing may be read past it.
+                      MoveRow{"past_node_memory", false, MBUF_NODE_SIZE, 0, 1000, false}),
+    [](const auto &row) { return std::string(row.param.name); });
+
+// External nodes and failed allocations are refused (the node left as it
+// was); the memory handle is the owner of the pipe buffer.
+TEST_F(SerialTest, AllocExtBufRefusalsAndMemHandle) {
+    MBUF_S *pkt = Keep(MBUF_CreateForControlPacket(0, 1000, 0, kModule + 5));
+    ASSERT_NE(pkt, nullptr);
+    ASSERT_TRUE(pkt->ulFlag & MBUF_EXT);
+    EXPECT_EQ(MBUF_GetMemHandleByMBuf(pkt, 1, 2, 3), kModule + 5);
+    MBUF_S stLocal{};
+    EXPECT_EQ(MBUF_GetMemHandleByMBuf(&stLocal, 0, 0, 0), 0u);
+    const std::uint32_t ulAttempts = KRM_HOST_AllocAttemptCount();
+    EXPECT_EQ(MBUF_AllocExtBuf_fl(pkt, kModule, "rx", 1), 0xFFFFFFFFu);
+    EXPECT_EQ(KRM_HOST_AllocAttemptCount(), ulAttempts);
+    MBUF_S *node = ReceivedNode({"", false, MBUF_NODE_SIZE, 4, 40, true}, kModule);
+    const std::uint32_t ulRsv2 = node->ulRsv2;
+    KRM_HOST_FailNthAlloc(1);
+    EXPECT_EQ(MBUF_AllocExtBuf_fl(node, kModule, "rx", 2), 0xFFFFFFFFu);
+    KRM_HOST_FailNthAlloc(0);
+    EXPECT_FALSE(node->ulFlag & MBUF_EXT);
+    EXPECT_EQ(node->ulRsv2, ulRsv2);
+    (void)MBUF_MemFree_fl(node, nullptr);
+    EXPECT_EQ(MBUF_AllocExtBuf_fl(nullptr, kModule, "rx", 3), 0xFFFFFFFFu);
 }
 
 }  // namespace

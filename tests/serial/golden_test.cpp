@@ -1,7 +1,14 @@
 // The golden files: streams and images written on both byte orders read
-// back on this build as the packets they describe. The files of this
-// build's order must also be exactly what the writers produce today.
-#include "golden_support.h"
+// back on this build as the packets they describe; the files of this build's
+// order are exactly what the writers produce today. Then every file, cut at
+// every length and with random bytes flipped, is handed to its reader in a
+// buffer of exactly that length: the reader must not read past it
+// (AddressSanitizer watches), must leave nothing behind, and a packet it
+// returns must be usable to its last data and record byte.
+#include <algorithm>
+#include <random>
+
+#include "serial_support.h"
 
 namespace krm::serialtest {
 namespace {
@@ -21,38 +28,104 @@ std::vector<GoldenRow> GoldenRows() {
     return rows;
 }
 
-class GoldenTest : public SerialTest, public ::testing::WithParamInterface<GoldenRow> {};
+class GoldenTest : public SerialTest, public ::testing::WithParamInterface<GoldenRow> {
+  protected:
+    Bytes File(const char *kind) {
+        return ReadFile(GoldenDir() +
+                        krm::golden::FileName(GetParam().plan, GetParam().order, kind));
+    }
+};
 
 TEST_P(GoldenTest, BothFormsRebuildTheDescribedPacket) {
     const GoldenRow &row = GetParam();
-    Bytes tlv = ReadFile(GoldenDir() + krm::golden::FileName(row.plan, row.order, "tlv"));
-    Bytes img = ReadFile(GoldenDir() + krm::golden::FileName(row.plan, row.order, "img"));
+    Bytes tlv = File("tlv");
+    Bytes img = File("img");
     ASSERT_FALSE(tlv.empty());
     ASSERT_FALSE(img.empty());
     const bool bOwnOrder = std::string(row.order) == krm::golden::HostOrderName();
+    MBUF_S *local = Keep(krm::golden::Build(row.plan, kModule));
+    ASSERT_NE(local, nullptr);
     if (bOwnOrder) {
-        MBUF_S *local = Keep(krm::golden::Build(row.plan, kModule));
-        ASSERT_NE(local, nullptr);
         EXPECT_EQ(StreamOf(local), tlv);
         EXPECT_EQ(ImageOf(local), img);
     }
-    MBUF_S *fromTlv =
-        Keep(MBUF_TransTlv2Mbuf(tlv.data(), static_cast<uint32_t>(tlv.size()), kModule));
-    EXPECT_TRUE(MatchesPlan(fromTlv, row.plan, false));
+    EXPECT_TRUE(MatchesPlan(ReadTlv(tlv), row.plan, false));
     // The reader converts a foreign head in place; its probe stays as written.
-    EXPECT_EQ(Get32(tlv.data() + 4), bOwnOrder ? MBUF_TLV_PROBE : 0x78563412u);
-    MBUF_S *fromImg =
-        Keep(MBUF_Deserialize(img.data(), static_cast<uint32_t>(img.size()), kModule));
+    EXPECT_EQ(Get<std::uint32_t>(tlv.data() + 4), bOwnOrder ? MBUF_TLV_PROBE : 0x78563412u);
+    MBUF_S *fromImg = ReadImage(img);
     EXPECT_TRUE(MatchesPlan(fromImg, row.plan, true));
     // The image restores the block byte for byte: offsets as the writer had them.
-    MBUF_S *local = Keep(krm::golden::Build(row.plan, kModule));
-    ASSERT_NE(local, nullptr);
     ASSERT_NE(fromImg, nullptr);
     for (uint32_t t = 1; t < MBUF_CTL_TYPE_NUM; ++t) {
         EXPECT_EQ(fromImg->pstCtlInfo->astSlot[t].usOffset, local->pstCtlInfo->astSlot[t].usOffset)
             << "type " << t;
     }
     EXPECT_TRUE(Reports().empty());
+}
+
+// Reads the packet a reader returned as a user would, then releases it.
+void UseAndDestroy(MBUF_S *pkt) {
+    if (pkt == nullptr) {
+        return;
+    }
+    EXPECT_EQ(krm::test::PacketBytes(pkt).size(), pkt->ulTotalDataLen);
+    const MBUF_CONTROL_BLK_S *blk = pkt->pstCtlInfo;
+    for (uint32_t t = 1; blk != nullptr && t < MBUF_CTL_TYPE_NUM; ++t) {
+        const MBUF_CTL_SLOT_S &slot = blk->astSlot[t];
+        if (slot.usOffset != 0 &&
+            slot.usOffset + slot.usLen <= MBUF_CTL_FIXED_LEN + blk->usUsedLen) {
+            const auto *p = static_cast<const volatile uint8_t *>(MBUF_GetControlInfo(pkt, t));
+            for (uint32_t i = 0; i < slot.usLen; ++i) {
+                (void)p[i];
+            }
+        }
+    }
+    MBUF_Destroy(pkt);
+}
+
+// An exactly sized heap copy: a read one byte past it is caught.
+MBUF_S *ReadCopy(bool bTlv, const Bytes &b) {
+    auto *copy = new uint8_t[b.empty() ? 1 : b.size()];
+    std::copy(b.begin(), b.end(), copy);
+    const auto len = static_cast<uint32_t>(b.size());
+    MBUF_S *pkt =
+        bTlv ? MBUF_TransTlv2Mbuf(copy, len, kModule) : MBUF_Deserialize(copy, len, kModule);
+    delete[] copy;
+    return pkt;
+}
+
+TEST_P(GoldenTest, TruncatedAndFlippedFilesAreReadSafely) {
+    for (const bool bTlv : {true, false}) {
+        SCOPED_TRACE(bTlv ? "tlv" : "img");
+        const Bytes file = File(bTlv ? "tlv" : "img");
+        ASSERT_FALSE(file.empty());
+        std::vector<std::size_t> built;
+        for (std::size_t len = 0; len <= file.size(); ++len) {
+            MBUF_S *pkt = ReadCopy(bTlv, Bytes(file.begin(), file.begin() + len));
+            if (pkt != nullptr) {
+                built.push_back(len);
+            }
+            UseAndDestroy(pkt);
+            ASSERT_EQ(KRM_HOST_LiveBufferCount(), 0u) << "cut at " << len;
+        }
+        // Once the data is inside the buffer, every longer cut gives a packet.
+        ASSERT_FALSE(built.empty());
+        EXPECT_EQ(built.back(), file.size());
+        EXPECT_EQ(built.size(), file.size() - built.front() + 1);
+        std::mt19937 rng(0x5EED + static_cast<uint32_t>(file.size()));
+        for (int round = 0; round < 400; ++round) {
+            Bytes bad = file;
+            for (int f = 0, flips = 1 + static_cast<int>(rng() % 8); f < flips; ++f) {
+                bad[rng() % bad.size()] ^= static_cast<uint8_t>(1u + rng() % 255u);
+            }
+            if (rng() % 4 == 0) {
+                bad.resize(rng() % bad.size());
+            }
+            UseAndDestroy(ReadCopy(bTlv, bad));
+            ASSERT_EQ(KRM_HOST_LiveBufferCount(), 0u) << "round " << round;
+        }
+    }
+    KRM_HOST_ReportClear();
 }
 
 INSTANTIATE_TEST_SUITE_P(Files, GoldenTest, ::testing::ValuesIn(GoldenRows()), [](const auto &row) {

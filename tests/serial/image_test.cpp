@@ -1,39 +1,13 @@
-// The serial image at its edges: its exact size, an image of data only, the
-// byte-order code of the block, a received capacity larger than the inline
-// block, a peer's block of another slot count, and images that lie about
-// their data length.
+// The serial image at its edges: an image of data only, the byte-order code
+// of the block, a received capacity larger than the inline block, a peer's
+// block of another slot count, and images that lie about their data length.
 #include "fault_sweep.h"
-#include "golden_support.h"
+#include "serial_support.h"
 
 namespace krm::serialtest {
 namespace {
 
-class ImageTest : public SerialTest {
-  protected:
-    MBUF_S *Read(Bytes &b) {
-        return Keep(
-            MBUF_Deserialize_fl(b.data(), static_cast<uint32_t>(b.size()), kModule, "img", 4));
-    }
-};
-
-TEST_F(ImageTest, SizesAndArguments) {
-    const Bytes data = Counting(100, 9);
-    MBUF_S *pkt = Keep(MBUF_CreateByCopyBuffer(0, 100, data.data(), 0, kModule));
-    ASSERT_NE(pkt, nullptr);
-    EXPECT_EQ(MBUF_GetAllBlockSize(pkt), 316u);
-    Bytes img = ImageOf(pkt);
-    ASSERT_EQ(img.size(), 316u);
-    EXPECT_EQ(Get32(img.data()), 100u);
-    EXPECT_EQ(Bytes(img.begin() + 4, img.begin() + 104), data);
-    EXPECT_EQ(img[104 + offsetof(MBUF_CONTROL_BLK_S, ucByteOrder)], MBUF_BYTEORDER_HOST);
-    EXPECT_EQ(MBUF_GetAllBlockSize(nullptr), 0u);
-    EXPECT_EQ(MBUF_Serialize(nullptr, img.data()), MBUF_ERR_INVALID_MBUF);
-    EXPECT_EQ(MBUF_Serialize(pkt, nullptr), MBUF_ERR_NO_DATA);
-    MBUF_S stPlain{};
-    EXPECT_EQ(MBUF_GetAllBlockSize(&stPlain), 0u);
-    EXPECT_EQ(MBUF_Serialize(&stPlain, img.data()), MBUF_ERR_INVALID_MBUF);
-    EXPECT_EQ(MBUF_Deserialize(nullptr, 10, kModule), nullptr);
-}
+using ImageTest = SerialTest;
 
 // The block's code: 0 and this host's are local; the image of data only
 // (length D + 4) gives the data and nothing else.
@@ -44,11 +18,11 @@ TEST_F(ImageTest, LocalCodesAndDataOnlyImages) {
     for (const uint8_t ucCode : {uint8_t{0}, uint8_t{MBUF_BYTEORDER_HOST}}) {
         Bytes img = ImageOf(src);
         img[4 + plan.dataLen + offsetof(MBUF_CONTROL_BLK_S, ucByteOrder)] = ucCode;
-        EXPECT_TRUE(MatchesPlan(Read(img), plan, true)) << int{ucCode};
+        EXPECT_TRUE(MatchesPlan(ReadImage(img), plan, true)) << int{ucCode};
     }
     Bytes img = ImageOf(src);
     img.resize(4 + plan.dataLen);
-    MBUF_S *pkt = Read(img);
+    MBUF_S *pkt = ReadImage(img);
     ASSERT_NE(pkt, nullptr);
     EXPECT_EQ(krm::test::PacketBytes(pkt), krm::golden::Data(plan));
     EXPECT_EQ(MBUF_GetControlInfo(pkt, MBUF_CTL_IP), nullptr);
@@ -56,18 +30,29 @@ TEST_F(ImageTest, LocalCodesAndDataOnlyImages) {
 }
 
 TEST_F(ImageTest, DataLengthBeyondTheImage) {
-    struct Case {
-        Bytes img;
-        std::string text;
-    };
     Bytes lies(50, 0);
-    Put32(lies, 0, 47);
-    for (Case c :
-         {Case{lies, "buf len 50, data len 51"}, Case{Bytes{1, 0}, "buf len 2, data len 4"}}) {
+    Put<std::uint32_t>(lies, 0, 47);
+    for (auto [img, text] : {std::pair{lies, "buf len 50, data len 51"},
+                             std::pair{Bytes{1, 0}, "buf len 2, data len 4"}}) {
         KRM_HOST_ReportClear();
-        EXPECT_EQ(Read(c.img), nullptr);
-        EXPECT_EQ(Reports(), std::vector{AssertReport("krm_mbuf_bas", 2646, c.text)});
+        EXPECT_EQ(ReadImage(img), nullptr);
+        EXPECT_EQ(Reports(), std::vector{AssertReport("krm_mbuf_bas", 2646, text)});
     }
+}
+
+// Sweeps the reading of img; check looks at each packet read.
+krm::test::SweepResult SweepRead(Bytes &img, const std::function<void(MBUF_S *)> &check) {
+    return krm::test::FaultSweep({[] {},
+                                  [&] {
+                                      MBUF_S *pkt = MBUF_Deserialize(
+                                          img.data(), static_cast<uint32_t>(img.size()), kModule);
+                                      if (pkt != nullptr) {
+                                          check(pkt);
+                                          MBUF_Destroy(pkt);
+                                      }
+                                      return pkt != nullptr;
+                                  },
+                                  [] {}, [] {}});
 }
 
 // A received block larger than the inline one replaces it by a block of the
@@ -78,21 +63,10 @@ TEST_F(ImageTest, LargerReceivedCapacityReplacesTheBlock) {
     ASSERT_NE(src, nullptr);
     ASSERT_GT(src->pstCtlInfo->usCapacity, MBUF_CTL_INIT_CAPACITY);
     Bytes img = ImageOf(src);
-    const krm::test::SweepResult r = krm::test::FaultSweep({
-        [] {},
-        [&] {
-            MBUF_S *pkt = MBUF_Deserialize(img.data(), static_cast<uint32_t>(img.size()), kModule);
-            if (pkt == nullptr) {
-                return false;
-            }
-            EXPECT_TRUE(MatchesPlan(pkt, plan, true));
-            EXPECT_EQ(pkt->pstCtlInfo->usCapacity, src->pstCtlInfo->usCapacity);
-            EXPECT_EQ(KRM_DbufLengthGET(pkt->pstCtlInfo), 184u + src->pstCtlInfo->usCapacity);
-            MBUF_Destroy(pkt);
-            return true;
-        },
-        [] {},
-        [] {},
+    const auto r = SweepRead(img, [&](MBUF_S *pkt) {
+        EXPECT_TRUE(MatchesPlan(pkt, plan, true));
+        EXPECT_EQ(pkt->pstCtlInfo->usCapacity, src->pstCtlInfo->usCapacity);
+        EXPECT_EQ(KRM_DbufLengthGET(pkt->pstCtlInfo), 184u + src->pstCtlInfo->usCapacity);
     });
     EXPECT_GE(r.failedRuns, 3u);  // head, data buffer, block
 }
@@ -103,39 +77,23 @@ TEST_F(ImageTest, OtherSlotCountIsUpgraded) {
     const std::vector<RecordRow> records{{2, Counting(20, 1)}, {9, Counting(4, 2)}};
     const Bytes blk = OldLayoutBlock(20, 300, records);
     const Bytes data = Counting(77, 5);
-    Bytes img;
-    Bytes d(4);
-    Put32(d, 0, 77);
-    img.insert(img.end(), d.begin(), d.end());
-    img.insert(img.end(), data.begin(), data.end());
-    img.insert(img.end(), blk.begin(), blk.end());
-    Bytes words(28);
+    Bytes img(4 + 77 + blk.size() + 28);
+    Put<std::uint32_t>(img, 0, 77);
+    std::copy(data.begin(), data.end(), img.begin() + 4);
+    std::copy(blk.begin(), blk.end(), img.begin() + 81);
     for (uint32_t i = 0; i < 7; ++i) {
-        Put32(words, 4 * i, i == 1 ? 77u : 0xA0 + i);
+        Put<std::uint32_t>(img, 81 + blk.size() + 4 * i, i == 1 ? 77u : 0xA0 + i);
     }
-    img.insert(img.end(), words.begin(), words.end());
-    const krm::test::SweepResult r = krm::test::FaultSweep({
-        [] {},
-        [&] {
-            MBUF_S *pkt = MBUF_Deserialize(img.data(), static_cast<uint32_t>(img.size()), kModule);
-            if (pkt == nullptr) {
-                return false;
-            }
-            ExpectValid(pkt);
-            EXPECT_EQ(krm::test::PacketBytes(pkt), data);
-            EXPECT_EQ(pkt->pstCtlInfo->ucSlotNum, 23u);
-            EXPECT_EQ(pkt->pstCtlInfo->usCapacity, 300u + 128u);
-            for (const RecordRow &rec : records) {
-                EXPECT_EQ(RecordBytes(pkt, rec.slot, static_cast<uint32_t>(rec.bytes.size())),
-                          rec.bytes);
-            }
-            EXPECT_EQ(pkt->ulFlag2, 0xA5u);
-            EXPECT_EQ(pkt->ulPktRsv3, 0xA6u);
-            MBUF_Destroy(pkt);
-            return true;
-        },
-        [] {},
-        [] {},
+    const auto r = SweepRead(img, [&](MBUF_S *pkt) {
+        ExpectValid(pkt);
+        EXPECT_EQ(krm::test::PacketBytes(pkt), data);
+        EXPECT_EQ(pkt->pstCtlInfo->ucSlotNum, 23u);
+        EXPECT_EQ(pkt->pstCtlInfo->usCapacity, 300u + 128u);
+        for (const RecordRow &rec : records) {
+            EXPECT_EQ(RecordBytes(pkt, rec.slot, rec.bytes.size()), rec.bytes);
+        }
+        EXPECT_EQ(pkt->ulFlag2, 0xA5u);
+        EXPECT_EQ(pkt->ulPktRsv3, 0xA6u);
     });
     EXPECT_GE(r.failedRuns, 2u);
     EXPECT_TRUE(Reports().empty());
@@ -145,18 +103,16 @@ TEST_F(ImageTest, OtherSlotCountIsUpgraded) {
 // keeps what lies inside the image.
 TEST_F(ImageTest, CutBlocksAndWordsAreNotTaken) {
     const PacketPlan plan = krm::golden::Packets()[1];
-    MBUF_S *src = Keep(krm::golden::Build(plan, kModule));
-    const Bytes full = ImageOf(src);
+    const Bytes full = ImageOf(Keep(krm::golden::Build(plan, kModule)));
     const uint32_t ulBlk = 4 + plan.dataLen;
     const uint32_t ulWords = static_cast<uint32_t>(full.size()) - 28;
     for (const uint32_t ulLen : {ulBlk + 10, ulBlk + 91, ulBlk + 200, ulWords - 1, ulWords + 27}) {
         Bytes img(full.begin(), full.begin() + ulLen);
-        MBUF_S *pkt = Read(img);
+        MBUF_S *pkt = ReadImage(img);
         ASSERT_NE(pkt, nullptr) << ulLen;
         ExpectValid(pkt);
         EXPECT_EQ(krm::test::PacketBytes(pkt), krm::golden::Data(plan));
-        const bool bBlockTaken = ulLen >= ulWords;
-        EXPECT_EQ(MBUF_GetControlInfo(pkt, MBUF_CTL_IP) != nullptr, bBlockTaken) << ulLen;
+        EXPECT_EQ(MBUF_GetControlInfo(pkt, MBUF_CTL_IP) != nullptr, ulLen >= ulWords) << ulLen;
         EXPECT_EQ(pkt->ulFlag2, 0u) << ulLen;
     }
 }

@@ -2,15 +2,19 @@
 // holds the data but not every record, and a reader handed hand-built
 // streams that break one rule each. Streams are written byte by byte here,
 // independently of the writer.
-#include "golden_support.h"
+#include <algorithm>
+
+#include "serial_support.h"
 
 namespace krm::serialtest {
 namespace {
 
+using Recs = std::vector<std::pair<std::uint16_t, Bytes>>;  // type, value
+
 // A stream built by hand: count and length are computed unless overridden.
 struct StreamPlan {
     Bytes data;
-    std::vector<std::pair<std::uint16_t, Bytes>> records;  // type, value
+    Recs records;
     std::uint32_t flag2 = 0x01020304u;
     int countOverride = -1;
     int lenOverride = -1;
@@ -19,52 +23,55 @@ struct StreamPlan {
 
 Bytes Build(const StreamPlan &s) {
     Bytes b(20, 0);
-    Put32(b, 4, MBUF_TLV_PROBE);
-    Put32(b, 8, s.flag2);
-    Put16(b, 16, s.dataType);
-    Put16(b, 18, static_cast<std::uint16_t>(s.data.size()));
+    Put<std::uint32_t>(b, 4, MBUF_TLV_PROBE);
+    Put<std::uint32_t>(b, 8, s.flag2);
+    Put<std::uint16_t>(b, 16, s.dataType);
+    Put<std::uint16_t>(b, 18, static_cast<std::uint16_t>(s.data.size()));
     b.insert(b.end(), s.data.begin(), s.data.end());
     for (const auto &[type, value] : s.records) {
-        Bytes head(4);
-        Put16(head, 0, type);
-        Put16(head, 2, static_cast<std::uint16_t>(value.size()));
-        b.insert(b.end(), head.begin(), head.end());
+        b.resize(b.size() + 4);
+        Put<std::uint16_t>(b, b.size() - 4, type);
+        Put<std::uint16_t>(b, b.size() - 2, static_cast<std::uint16_t>(value.size()));
         b.insert(b.end(), value.begin(), value.end());
     }
-    Put16(
-        b, 0,
-        static_cast<std::uint16_t>(s.countOverride >= 0 ? s.countOverride : 1 + s.records.size()));
-    Put16(b, 2, static_cast<std::uint16_t>(s.lenOverride >= 0 ? s.lenOverride : b.size() - 16));
+    const auto count = s.countOverride >= 0 ? s.countOverride : 1 + s.records.size();
+    const auto len = s.lenOverride >= 0 ? s.lenOverride : b.size() - 16;
+    Put<std::uint16_t>(b, 0, static_cast<std::uint16_t>(count));
+    Put<std::uint16_t>(b, 2, static_cast<std::uint16_t>(len));
     return b;
 }
 
-class TlvTest : public SerialTest {
-  protected:
-    MBUF_S *Read(Bytes &b) {
-        return Keep(
-            MBUF_TransTlv2Mbuf_fl(b.data(), static_cast<uint32_t>(b.size()), kModule, "rd", 5));
-    }
-};
+using TlvTest = SerialTest;
 
-TEST_F(TlvTest, SmallPacketWithTheCommonRecordOnly) {
+// A 100-byte packet with only the common record: the stream byte for byte
+// (the reserved word and the room behind the stream are not written), and
+// the image of data length, data and block.
+TEST_F(TlvTest, SmallPacketStreamAndImage) {
     const Bytes data = Counting(100, 3);
     MBUF_S *pkt = Keep(MBUF_CreateByCopyBuffer(0, 100, data.data(), 0, kModule));
     ASSERT_NE(pkt, nullptr);
     EXPECT_EQ(MBUF_CalcMbuf2TlvLen(pkt), 100u + 484u + 200u);
     Bytes buf(784, 0xCC);
     ASSERT_EQ(MBUF_TransMbuf2Tlv(pkt, buf.data(), 784, kModule), 0u);
-    EXPECT_EQ(Get16(buf.data()), 2u);
-    EXPECT_EQ(Get16(buf.data() + 2), 192u);
-    EXPECT_EQ(Get32(buf.data() + 4), MBUF_TLV_PROBE);
-    EXPECT_EQ(Get32(buf.data() + 12), 0xCCCCCCCCu);  // reserved: not written
-    EXPECT_EQ(Get16(buf.data() + 16), 0xFFFFu);
-    EXPECT_EQ(Get16(buf.data() + 18), 100u);
-    EXPECT_EQ(Bytes(buf.begin() + 20, buf.begin() + 120), data);
-    EXPECT_EQ(Get16(buf.data() + 120), 0u);
-    EXPECT_EQ(Get16(buf.data() + 122), 84u);
-    EXPECT_EQ(Bytes(buf.begin() + 124, buf.begin() + 208), RecordBytes(pkt, 0, 84));
-    EXPECT_EQ(buf[208], 0xCC);
+    Bytes want = Build({data, {{0, RecordBytes(pkt, 0, 84)}}, pkt->ulFlag2});
+    ASSERT_EQ(want.size(), 208u);
+    std::fill(want.begin() + 12, want.begin() + 16, 0xCC);
+    want.resize(784, 0xCC);
+    EXPECT_EQ(buf, want);
+
     EXPECT_EQ(MBUF_GetAllBlockSize(pkt), 316u);
+    Bytes img = ImageOf(pkt);
+    ASSERT_EQ(img.size(), 316u);
+    EXPECT_EQ(Get<std::uint32_t>(img.data()), 100u);
+    EXPECT_EQ(Bytes(img.begin() + 4, img.begin() + 104), data);
+    EXPECT_EQ(img[104 + offsetof(MBUF_CONTROL_BLK_S, ucByteOrder)], MBUF_BYTEORDER_HOST);
+    EXPECT_EQ(MBUF_GetAllBlockSize(nullptr), 0u);
+    EXPECT_EQ(MBUF_Serialize(nullptr, img.data()), MBUF_ERR_INVALID_MBUF);
+    EXPECT_EQ(MBUF_Serialize(pkt, nullptr), MBUF_ERR_NO_DATA);
+    MBUF_S stPlain{};
+    EXPECT_EQ(MBUF_GetAllBlockSize(&stPlain), 0u);
+    EXPECT_EQ(MBUF_Serialize(&stPlain, img.data()), MBUF_ERR_INVALID_MBUF);
+    EXPECT_EQ(MBUF_Deserialize(nullptr, 10, kModule), nullptr);
 }
 
 // Every buffer length from the data's end to the full stream: the records
@@ -100,18 +107,14 @@ TEST_F(TlvTest, ShortBufferKeepsTheRecordsThatFit) {
             ulEnd += 4 + len;
             ++ulCount;
         }
-        ASSERT_EQ(Get16(buf.data()), ulCount) << ulBuf;
-        ASSERT_EQ(Get16(buf.data() + 2), ulEnd - 16) << ulBuf;
+        ASSERT_EQ(Get<std::uint16_t>(buf.data()), ulCount) << ulBuf;
+        ASSERT_EQ(Get<std::uint16_t>(buf.data() + 2), ulEnd - 16) << ulBuf;
         ASSERT_EQ(Reports(), want) << ulBuf;
         MBUF_S *back = MBUF_TransTlv2Mbuf(buf.data(), ulEnd, kModule);
         ASSERT_NE(back, nullptr);
-        for (const auto &[type, len] : lens) {
-            if (type != 0) {
-                EXPECT_EQ(MBUF_GetControlInfo(back, type) != nullptr,
-                          std::count_if(lens.begin(), lens.begin() + (ulCount - 1),
-                                        [t = type](const auto &l) { return l.first == t; }) == 1)
-                    << ulBuf << " type " << type;
-            }
+        for (uint32_t i = 1; i < lens.size(); ++i) {
+            EXPECT_EQ(MBUF_GetControlInfo(back, lens[i].first) != nullptr, i < ulCount - 1)
+                << ulBuf << " type " << lens[i].first;
         }
         MBUF_Destroy(back);
     }
@@ -125,7 +128,7 @@ TEST_F(TlvTest, WriterRefusesEmptyAndWrappingLengths) {
         pkt->ulTotalDataLen = ulLen;
         Bytes buf(1000, 0);
         EXPECT_EQ(MBUF_TransMbuf2Tlv(pkt, buf.data(), 1000, kModule), MBUF_ERR_NO_DATA) << ulLen;
-        EXPECT_EQ(Get16(buf.data()), 1u);  // the head was filled first
+        EXPECT_EQ(Get<std::uint16_t>(buf.data()), 1u);  // the head was filled first
     }
     MBUF_S *pkt = Keep(MBUF_CreateForControlPacket(0, 10, 0, kModule));
     KRM_HOST_ReportClear();
@@ -140,22 +143,52 @@ TEST_F(TlvTest, WriterRefusesEmptyAndWrappingLengths) {
                            AssertReport("krm_mbuf", 2338, where + " when encap type 0 len 84.")}));
 }
 
+// A stream of 30 data bytes and these records; count and length patched
+// where not -1, bytes cut off its end.
 struct ReadRow {
     const char *name;
-    StreamPlan stream;
-    std::uint32_t cut;  // bytes taken off the end
+    Recs recs;
+    int count;
+    int len;
+    std::uint32_t cut;
     bool packet;
     std::vector<std::uint32_t> present;  // record types read
-    std::vector<std::string> reports;
+    std::vector<std::string> reports;    // "file: text" of each report
+    std::uint16_t dataType = 0xFFFF;
 };
+
+const Bytes k4(4, 1);
+const Bytes k20(20, 2);
+
+// clang-format off
+const ReadRow kReadRows[] = {
+    {"count_one", {{9, k4}}, 1, -1, 0, true, {}, {}},
+    {"two_records", {{9, k4}, {2, k20}}, -1, -1, 0, true, {2, 9}, {}},
+    {"zero_length_ends", {{9, k4}, {2, {}}, {3, Bytes(8, 1)}}, -1, -1, 0, true, {9}, {"krm_mbuf: Mbuf Len=0"}},
+    {"type_above_22_ends", {{9, k4}, {23, k4}}, -1, -1, 0, true, {9}, {"krm_mbuf: Mbuf T=23"}},
+    {"duplicate_keeps_first", {{9, k4}, {9, Bytes(4, 2)}}, -1, -1, 0, true, {9}, {"krm_mbuf: Ret=3f3 T=9 L=4"}},
+    {"record_past_end", {{9, k4}, {2, k20}}, -1, 0, 10, true, {9}, {"krm_mbuf: Total=82, Buf=72"}},
+    // A count claiming a record the stream does not have: the head would be
+    // read past the end.
+    {"head_past_end", {{9, k4}}, 3, 0, 0, true, {9},
+     {"krm_mbuf: Total Len=58, Buf Len=58", "krm_mbuf: Total=62, Buf=58"}},
+    {"head_cut_short", {{9, k4}, {2, k20}}, -1, 0, 22, true, {9}, {"krm_mbuf: Total=62, Buf=60"}},
+    {"data_type_noted", {}, -1, -1, 0, true, {}, {"krm_mbuf: Mbuf Type=4660"}, 0x1234},
+    {"stream_length_lies", {}, -1, 500, 0, false, {}, {"krm_mbuf: T=500 B=50"}},
+    {"data_past_end", {}, -1, -1, 5, false, {}, {"krm_mbuf: T=50 B=45"}},
+    {"sixteen_bytes", {}, -1, -1, 34, false, {}, {}},
+    {"head_without_data_tlv", {}, -1, 0, 32, false, {}, {"krm_mbuf: T=20 B=18"}},
+};
+// clang-format on
 
 class TlvReadTest : public TlvTest, public ::testing::WithParamInterface<ReadRow> {};
 
 TEST_P(TlvReadTest, ReaderStopsWhereTheStreamBreaks) {
     const ReadRow &row = GetParam();
-    Bytes b = Build(row.stream);
+    const StreamPlan s{Counting(30, 1), row.recs, 0x01020304u, row.count, row.len, row.dataType};
+    Bytes b = Build(s);
     b.resize(b.size() - row.cut);
-    MBUF_S *pkt = Read(b);
+    MBUF_S *pkt = ReadTlv(b);
     EXPECT_EQ(pkt != nullptr, row.packet);
     std::vector<std::string> texts;
     for (const auto &r : Reports()) {
@@ -166,8 +199,8 @@ TEST_P(TlvReadTest, ReaderStopsWhereTheStreamBreaks) {
         return;
     }
     ExpectValid(pkt);
-    EXPECT_EQ(krm::test::PacketBytes(pkt), row.stream.data);
-    EXPECT_EQ(pkt->ulFlag2, row.stream.flag2);
+    EXPECT_EQ(krm::test::PacketBytes(pkt), s.data);
+    EXPECT_EQ(pkt->ulFlag2, s.flag2);
     for (uint32_t t = 1; t < 23; ++t) {
         const bool bWant =
             std::find(row.present.begin(), row.present.end(), t) != row.present.end();
@@ -175,95 +208,18 @@ TEST_P(TlvReadTest, ReaderStopsWhereTheStreamBreaks) {
     }
 }
 
-StreamPlan WithRecords(std::vector<std::pair<std::uint16_t, Bytes>> recs) {
-    StreamPlan s;
-    s.data = Counting(30, 1);
-    s.records = std::move(recs);
-    return s;
-}
-
-StreamPlan Patched(StreamPlan s, int count, int len, std::uint16_t dataType = 0xFFFF) {
-    s.countOverride = count;
-    s.lenOverride = len;
-    s.dataType = dataType;
-    return s;
-}
-
-INSTANTIATE_TEST_SUITE_P(
-    Streams, TlvReadTest,
-    ::testing::Values(
-        ReadRow{"count_one", Patched(WithRecords({{9, Bytes(4, 1)}}), 1, -1), 0, true, {}, {}},
-        ReadRow{
-            "two_records", WithRecords({{9, Bytes(4, 1)}, {2, Bytes(20, 2)}}), 0, true, {2, 9}, {}},
-        ReadRow{"zero_length_ends",
-                WithRecords({{9, Bytes(4, 1)}, {2, {}}, {3, Bytes(8, 1)}}),
-                0,
-                true,
-                {9},
-                {"krm_mbuf: Mbuf Len=0"}},
-        ReadRow{"type_above_22_ends",
-                WithRecords({{9, Bytes(4, 1)}, {23, Bytes(4, 1)}}),
-                0,
-                true,
-                {9},
-                {"krm_mbuf: Mbuf T=23"}},
-        ReadRow{"duplicate_keeps_first",
-                WithRecords({{9, Bytes(4, 1)}, {9, Bytes(4, 2)}}),
-                0,
-                true,
-                {9},
-                {"krm_mbuf: Ret=3f3 T=9 L=4"}},
-        ReadRow{"record_past_end",
-                Patched(WithRecords({{9, Bytes(4, 1)}, {2, Bytes(20, 2)}}), -1, 0),
-                10,
-                true,
-                {9},
-                {"krm_mbuf: Total=82, Buf=72"}},
-        // A count claiming a record the stream does not have: the head
-        // would be read past the end.
-        ReadRow{"head_past_end",
-                Patched(WithRecords({{9, Bytes(4, 1)}}), 3, 0),
-                0,
-                true,
-                {9},
-                {"krm_mbuf: Total Len=58, Buf Len=58", "krm_mbuf: Total=62, Buf=58"}},
-        ReadRow{"head_cut_short",
-                Patched(WithRecords({{9, Bytes(4, 1)}, {2, Bytes(20, 2)}}), -1, 0),
-                22,
-                true,
-                {9},
-                {"krm_mbuf: Total=62, Buf=60"}},
-        ReadRow{"data_type_noted",
-                Patched(WithRecords({}), -1, -1, 0x1234),
-                0,
-                true,
-                {},
-                {"krm_mbuf: Mbuf Type=4660"}},
-        ReadRow{"stream_length_lies",
-                Patched(WithRecords({}), -1, 500),
-                0,
-                false,
-                {},
-                {"krm_mbuf: T=500 B=50"}},
-        ReadRow{"data_past_end", WithRecords({}), 5, false, {}, {"krm_mbuf: T=50 B=45"}},
-        ReadRow{"sixteen_bytes", WithRecords({}), 34, false, {}, {}},
-        ReadRow{"head_without_data_tlv",
-                Patched(WithRecords({}), -1, 0),
-                32,
-                false,
-                {},
-                {"krm_mbuf: T=20 B=18"}}),
-    [](const auto &row) { return std::string(row.param.name); });
+INSTANTIATE_TEST_SUITE_P(Streams, TlvReadTest, ::testing::ValuesIn(kReadRows),
+                         [](const auto &row) { return std::string(row.param.name); });
 
 TEST_F(TlvTest, UnknownProbeGivesNullAndForeignHeadIsConvertedInPlace) {
-    Bytes b = Build(WithRecords({}));
-    Put32(b, 4, 0x11223344u);
-    EXPECT_EQ(Read(b), nullptr);
+    Bytes b = Build({Counting(30, 1), {}});
+    Put<std::uint32_t>(b, 4, 0x11223344u);
+    EXPECT_EQ(ReadTlv(b), nullptr);
     EXPECT_EQ(Reports(), std::vector{AssertReport("krm_mbuf", 2405, "ByteOrder=1144201745")});
 
     // The same stream in the other order: the head's count, length and flag
     // word are left converted in the caller's buffer.
-    Bytes f = Build(WithRecords({{9, Bytes{1, 2, 3, 4}}}));
+    Bytes f = Build({Counting(30, 1), {{9, Bytes{1, 2, 3, 4}}}});
     const Bytes host = f;
     for (const uint32_t off : {0u, 2u, 16u, 18u, 50u, 52u}) {
         std::swap(f[off], f[off + 1]);
@@ -271,7 +227,7 @@ TEST_F(TlvTest, UnknownProbeGivesNullAndForeignHeadIsConvertedInPlace) {
     for (const uint32_t off : {4u, 8u}) {
         std::reverse(f.begin() + off, f.begin() + off + 4);
     }
-    MBUF_S *pkt = Read(f);
+    MBUF_S *pkt = ReadTlv(f);
     ASSERT_NE(pkt, nullptr);
     EXPECT_EQ(pkt->ulFlag2, 0x01020304u);
     EXPECT_EQ(Bytes(f.begin(), f.begin() + 4), Bytes(host.begin(), host.begin() + 4));
@@ -281,10 +237,11 @@ TEST_F(TlvTest, UnknownProbeGivesNullAndForeignHeadIsConvertedInPlace) {
 }
 
 // A fixed record that is longer in the stream is created with the stream's
-// length; a shorter one with the table length, the rest zero.
+// length; a shorter one with the table length, the rest zero. A longer
+// common record fills its 84 bytes and leaves the block intact.
 TEST_F(TlvTest, FixedRecordsTakeTheLargerLength) {
-    Bytes b = Build(WithRecords({{2, Counting(28, 1)}, {11, Counting(8, 9)}}));
-    MBUF_S *pkt = Read(b);
+    Bytes b = Build({Counting(30, 1), {{2, Counting(28, 1)}, {11, Counting(8, 9)}}});
+    MBUF_S *pkt = ReadTlv(b);
     ASSERT_NE(pkt, nullptr);
     EXPECT_EQ(MBUF_GetControlLen(pkt, 2), 32u);
     EXPECT_EQ(RecordBytes(pkt, 2, 28), Counting(28, 1));
@@ -292,9 +249,8 @@ TEST_F(TlvTest, FixedRecordsTakeTheLargerLength) {
     Bytes want = Counting(8, 9);
     want.resize(40, 0);
     EXPECT_EQ(RecordBytes(pkt, 11, 40), want);
-    // A longer common record fills its 84 bytes and leaves the block intact.
-    Bytes c = Build(WithRecords({{0, Counting(120, 5)}, {9, Bytes(4, 7)}}));
-    MBUF_S *pc = Read(c);
+    Bytes c = Build({Counting(30, 1), {{0, Counting(120, 5)}, {9, Bytes(4, 7)}}});
+    MBUF_S *pc = ReadTlv(c);
     ASSERT_NE(pc, nullptr);
     EXPECT_EQ(RecordBytes(pc, 0, 84), Counting(84, 5));
     EXPECT_EQ(RecordBytes(pc, 9, 4), Bytes(4, 7));

@@ -27,11 +27,11 @@ std::vector<RecordRow> RecordsFor(std::uint32_t ulSlots) {
         {2, Counting(20, 0x10)}, {9, Counting(4, 0x40)}, {17, Counting(24, 0x60)}};
     if (ulSlots > 22) {
         // A TLV record: head with list length 10, one sub-TLV of 6 bytes.
-        Bytes tlv(14, 0);
-        Put16(tlv, 2, 10);
-        Put16(tlv, 4, 5);
-        Put16(tlv, 6, 6);
-        std::memcpy(tlv.data() + 8, Counting(6, 0x90).data(), 6);
+        Bytes tlv = Counting(14, 0x88);
+        Put<std::uint32_t>(tlv, 0, 0);
+        Put<std::uint16_t>(tlv, 2, 10);
+        Put<std::uint16_t>(tlv, 4, 5);
+        Put<std::uint16_t>(tlv, 6, 6);
         rows.push_back({22, tlv});
     }
     if (ulSlots > 30) {
@@ -73,9 +73,8 @@ TEST_P(UpgradeTest, RecordsReadTheSameInTheLocalLayout) {
     const uint32_t ulSize = std::max<uint32_t>(row.capacity + 184u, 448u);
     EXPECT_EQ(KRM_DbufLengthGET(blkNew), ulSize + 128);
     EXPECT_EQ(blkNew->usCapacity, ulSize - 56);
-    EXPECT_EQ(blkNew->usUsedLen, Get16(blk.data() + 88));
-    EXPECT_EQ(blkNew->ucSlotNum, 23u);
-    EXPECT_EQ(blkNew->ucByteOrder, MBUF_BYTEORDER_HOST);
+    EXPECT_EQ(std::tuple(blkNew->usUsedLen, blkNew->ucSlotNum, blkNew->ucByteOrder),
+              std::tuple(Get<std::uint16_t>(blk.data() + 88), 23, MBUF_BYTEORDER_HOST));
     EXPECT_EQ(Bytes(reinterpret_cast<uint8_t *>(blkNew), reinterpret_cast<uint8_t *>(blkNew) + 84),
               CommBytes(7));
     uint32_t ulKept = 0;
@@ -90,7 +89,8 @@ TEST_P(UpgradeTest, RecordsReadTheSameInTheLocalLayout) {
         EXPECT_EQ(MBUF_GetControlLen(pkt, rec.slot), Round8(ulLen));
         // The offset moved with the record area.
         EXPECT_EQ(blkNew->astSlot[rec.slot].usOffset,
-                  Get16(blk.data() + 92 + 4 * rec.slot) + 4 * (23 - static_cast<int>(row.slots)));
+                  Get<std::uint16_t>(blk.data() + 92 + 4 * rec.slot) +
+                      4 * (23 - static_cast<int>(row.slots)));
     }
     EXPECT_EQ(blkNew->ucRecNum, ulKept);
     for (uint32_t t = 1; t < 23; ++t) {
@@ -137,7 +137,7 @@ TEST_F(UpgradeFailTest, FailuresLeaveThePacketUnchanged) {
         ASSERT_NE(pkt, nullptr);
         Bytes bad = blk;
         if (c.fillOffset != 0) {
-            Put16(bad, c.fillOffset, 0x4000);
+            Put<std::uint16_t>(bad, c.fillOffset, 0x4000);
         }
         void *pOld = PlaceOldBlock(pkt, bad, Home::Separate);
         const uint32_t ulLive = KRM_HOST_LiveBufferCount();
@@ -161,13 +161,13 @@ TEST_F(UpgradeFailTest, FailuresLeaveThePacketUnchanged) {
 TEST_F(UpgradeFailTest, OlderStackDebugRecordIsRelaidWhenTheMemoryHasAnOwner) {
     constexpr uint32_t kEntries = 6;
     Bytes sd(24 + kEntries * 40, 0);
-    Put16(sd, 2, 20);
+    Put<std::uint16_t>(sd, 2, 20);
     sd[4] = kEntries;
     sd[5] = 1;
-    Put16(sd, 6, 40);
-    Put32(sd, 24, 0x1111);
-    Put32(sd, 28, 77);
-    Put32(sd, 64, 0x2222);
+    Put<std::uint16_t>(sd, 6, 40);
+    Put<std::uint32_t>(sd, 24, 0x1111);
+    Put<std::uint32_t>(sd, 28, 77);
+    Put<std::uint32_t>(sd, 64, 0x2222);
     for (const uint32_t ulOwner : {kModule, 0u}) {
         SCOPED_TRACE(ulOwner);
         MBUF_S *pkt = Keep(MBUF_CreateForControlPacket(0, 16, 0, ulOwner));
@@ -180,13 +180,12 @@ TEST_F(UpgradeFailTest, OlderStackDebugRecordIsRelaidWhenTheMemoryHasAnOwner) {
             EXPECT_EQ(Bytes(rec, rec + sd.size()), sd);
             continue;
         }
-        EXPECT_EQ(Get16(rec + 2), 24u);
-        EXPECT_EQ(rec[4], kEntries);
-        EXPECT_EQ(rec[5], 1u);
-        EXPECT_EQ(Get16(rec + 6), 48u);
-        EXPECT_EQ(Get32(rec + 28), 0x1111u);
-        EXPECT_EQ(Get32(rec + 32), 77u);
-        EXPECT_EQ(Get32(rec + 28 + 48), 0x2222u);
+        EXPECT_EQ(
+            std::tuple(Get<std::uint16_t>(rec + 2), rec[4], rec[5], Get<std::uint16_t>(rec + 6)),
+            std::tuple(24, kEntries, 1, 48));
+        EXPECT_EQ(std::tuple(Get<std::uint32_t>(rec + 28), Get<std::uint32_t>(rec + 32),
+                             Get<std::uint32_t>(rec + 28 + 48)),
+                  std::tuple(0x1111u, 77u, 0x2222u));
         ExpectValid(pkt);
     }
 }
