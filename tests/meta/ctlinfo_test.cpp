@@ -295,6 +295,7 @@ TEST_F(CtlInfoTest, StoringASubTlvOverwritesOrAppends) {
     EXPECT_EQ(static_cast<const void *>(find(SubTlv(9, Zeros(6)))), rec + 4);
     EXPECT_EQ(static_cast<const void *>(find(SubTlv(9, Zeros(3)))), rec + 14);
     EXPECT_EQ(find(SubTlv(9, Zeros(2))), nullptr);
+    EXPECT_EQ(find(SubTlv(9, Zeros(7))), nullptr);
     EXPECT_EQ(MBUF_GetTlvInfo(m, nullptr), nullptr);
     // Records that are not TLV lists are returned whole, sub-type ignored.
     const std::uint8_t *mpls = AddRecord(m, MBUF_CTL_MPLS, 108);
@@ -376,6 +377,10 @@ TEST_F(CtlInfoTest, BlockAboveTheCapacityLimitTakesNoMoreTags) {
     EXPECT_EQ(Tag(m, MBUF_CTL_IP6, 8), nullptr) << "room is left, but the block is too large";
     EXPECT_EQ(BlockBytes(m), before);
     ExpectValid(m);
+    MBUF_S *limit = NewPacket();
+    ASSERT_NE(Tag(limit, MBUF_CTL_STACKDEBUG, MBUF_CTL_MAX_CAPACITY - 128), nullptr);
+    EXPECT_EQ(limit->pstCtlInfo->usCapacity, MBUF_CTL_MAX_CAPACITY);
+    EXPECT_NE(Tag(limit, MBUF_CTL_APP, 8), nullptr) << "a block of exactly the limit takes more";
 }
 
 TEST_F(CtlInfoTest, HeaderlessNodesAreReportedByEveryTagOperation) {

@@ -235,6 +235,9 @@ TEST_F(StackDebugTest, DamagedRecordsAndMissingPartsAreRefused) {
         EXPECT_EQ(Sd(m), rec) << c.name;
         EXPECT_EQ(BlockBytes(m), before) << c.name;
     }
+    MBUF_S *largest = NewPacket();
+    (void)HandRecord(largest, RecordLen(19), 19);
+    EXPECT_EQ(Stamp(largest, kCompA), 0) << "capacity 19 is still taken";
     std::uint32_t comp = 0;
     KRM_SYSTIME_S time = Zero();
     const BEX_CPUTICK_S tick{1, 0};
@@ -310,6 +313,7 @@ TEST_F(StackDebugTest, RebuildRefusesTooFewOrFewerEntries) {
     EXPECT_EQ(MBUF_DelOldAddNewAppTime_fl(m, nullptr, 6, kModule, "c", 1), nullptr);
     EXPECT_EQ(MBUF_DelOldAddNewAppTime_fl(m, rec, 256, kModule, "c", 1), nullptr);
     EXPECT_EQ(Sd(m), rec);
+    EXPECT_NE(MBUF_DelOldAddNewAppTime_fl(m, rec, 255, kModule, "c", 1), nullptr);
 }
 
 // A record of an older layout (shorter head, smaller entries) is laid out
