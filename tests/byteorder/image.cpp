@@ -240,14 +240,10 @@ std::vector<Seen> ReportsOf(const std::string &module) {
     std::vector<Seen> out;
     for (const Report &r : Reports()) {
         if (r.file == module) {
-            out.push_back(Seen{r.line, r.text});
+            out.emplace_back(r.line, r.text);
         }
     }
     return out;
-}
-
-void PrintTo(const Seen &seen, std::ostream *os) {
-    *os << "{" << seen.line << ", \"" << seen.text << "\"}";
 }
 
 std::string FdPro() {
@@ -255,10 +251,6 @@ std::string FdPro() {
     std::uint32_t fd;
     std::memcpy(&fd, comm.data() + 28, 4);
     return Fmt("Fd %u Pro %u", fd, unsigned{Get16(comm, 40)});
-}
-
-std::unique_ptr<MBUF_S> NewNode() {
-    return std::make_unique<MBUF_S>();
 }
 
 Paths RunBothPaths(const Block &block) {

@@ -104,20 +104,17 @@ class Block {
 };
 
 // The reports captured so far of one module, as (line, text).
-struct Seen {
-    std::uint32_t line;
-    std::string text;
-    bool operator==(const Seen &) const = default;
-};
+using Seen = std::pair<std::uint32_t, std::string>;
 std::vector<Seen> ReportsOf(const std::string &module);
-void PrintTo(const Seen &seen, std::ostream *os);
 inline constexpr const char *kTrans = "mbuf_bas_byteorder_trans";
 inline constexpr const char *kPktSnd = "mbuf_bas_byteorder_pktsnd";
 // The block's socket id and protocol type as the failure reports print them.
 std::string FdPro();
 
 // A value-initialised node on the heap, as a receiver holds it.
-std::unique_ptr<MBUF_S> NewNode();
+inline std::unique_ptr<MBUF_S> NewNode() {
+    return std::make_unique<MBUF_S>();
+}
 
 // A foreign block run through both framework paths: the inline block of a
 // packet-header node, and a received tag message of exactly the used bytes;

@@ -8,7 +8,6 @@
 
 #include "image.h"
 #include "krm_mbuf/mbuf.h"
-#include "mbuf_check.h"
 
 namespace krm::test::bo {
 namespace {
@@ -127,36 +126,6 @@ TEST_P(NodeConversionTest, PartsConvertTheirOwnWords) {
 
 INSTANTIATE_TEST_SUITE_P(Flags, NodeConversionTest,
                          ::testing::Values(0u, MBUF_EXT, MBUF_PKTHDR, MBUF_EXT | MBUF_PKTHDR));
-
-// Packets built by the library, as a sender of the other order would have
-// sent their nodes: every kind of node converts back to exactly what was
-// built, and the packets stay sound.
-TEST_F(NodeTest, BuiltPacketsSurviveTheRoundTrip) {
-    const std::vector<std::uint8_t> payload = ::krm::test::Pattern(3000);
-    MBUF_S *ext = MBUF_CreateByCopyBuffer(16, 3000, payload.data(), 0, 1);  // header, cluster
-    MBUF_S *inl = MBUF_CreateByCopyBuffer(16, 100, payload.data(), 0, 1);   // header, inline
-    std::uint32_t capacity = 0;
-    MBUF_S *plain = MBUF_AllocateMBufNode_fl(100, 0, &capacity, 1, "test", 1);
-    MBUF_S *plainExt = MBUF_AllocateMBufNode_fl(1000, 0, &capacity, 1, "test", 2);
-    ASSERT_TRUE(ext != nullptr && inl != nullptr && plain != nullptr && plainExt != nullptr);
-    // Empty plain nodes behind the inline packet keep its lengths true.
-    inl->pstNext = plain;
-    plain->pstNext = plainExt;
-    ext->pstNextPkt = inl;
-    for (MBUF_S *node : {ext, inl, plain, plainExt}) {
-        const Bytes host = NodeBytes(*node);
-        Bytes foreign = Foreign(host, kHeaderWords + WordsOf(node->ulFlag));
-        foreign[22] = kForeignCode;
-        SetBytes(*node, foreign);
-        MBUF_SingleMbufControlBlkByteOrderTrans(node);
-        EXPECT_TRUE(SameBytes(host, NodeBytes(*node))) << node->ulFlag;
-    }
-    ExpectValid(ext);
-    ExpectValid(inl);
-    ext->pstNextPkt = nullptr;
-    MBUF_Destroy(ext);
-    MBUF_Destroy(inl);
-}
 
 }  // namespace
 }  // namespace krm::test::bo

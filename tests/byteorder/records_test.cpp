@@ -364,7 +364,7 @@ TEST_F(BeyondReversalTest, InterfaceInfoWordAt8) {
     Bytes b = Foreign(tlv);
     const std::uint8_t received[4] = {0x11, 0x22, 0x33, 0x44};
     std::copy(received, received + 4, b.begin() + 8);
-    MBUF_LinkIfInfoByteOrderTrans(b.data());
+    g_apfMbufLinkInfoOrderTransProc[22](b.data());
 #if MBUF_HOST_BIG_ENDIAN
     const std::uint8_t want[4] = {0x00, 0x00, 0x44, 0x33};
 #else

@@ -93,9 +93,25 @@ TEST_F(TagTest, SeparateBlockIsBoundByItsPipeBuffer) {
         EXPECT_EQ(ReportsOf(kTrans), reports) << len;
         EXPECT_EQ(KRM_DbufIovecFree_F(1, &iov, "test", 2), 0u);
     };
-    // Two bytes of the last record: its word stays as received.
-    piece(322, Head(Foreign(block.Host(), P("w320")), 322),
-          {{1310, "T 9 field 0+4 beyond len 2"}, {118, FdPro() + " TagT 9 Ret 1"}});
+    // Two or three bytes of the last record: its word stays as received.
+    for (std::uint32_t len : {322u, 323u}) {
+        piece(len, Head(Foreign(block.Host(), P("w320")), len),
+              {{1310, Fmt("T 9 field 0+4 beyond len %u", len - 320)},
+               {118, FdPro() + " TagT 9 Ret 1"}});
+    }
+    // The same as a message in a buffer of its own, received whole.
+    MBUF_IOVEC_S iov{nullptr, 323, 0};
+    ASSERT_EQ(KRM_DbufIovecAlloc_F(0, 1, &iov, "test", 3), 0u);
+    auto *tag = static_cast<std::uint8_t *>(iov.pBuf);
+    std::copy_n(separate.begin(), 323, tag);
+    KRM_HOST_ReportClear();
+    MBUF_TagByteOrderTrans(tag, 323);
+    EXPECT_TRUE(SameBytes(Head(Foreign(block.Host(), P("w320")), 323), Bytes(tag, tag + 323)));
+    EXPECT_EQ(ReportsOf(kTrans), (std::vector<Seen>{{239, "RevLen=323 < 184 + 144 264 23"},
+                                                    {1310, "T 9 field 0+4 beyond len 3"},
+                                                    {203, FdPro() + " TagT 9 Ret 1"},
+                                                    {269, "320+8<323 offset+len<revLen Type 9"}}));
+    EXPECT_EQ(KRM_DbufIovecFree_F(1, &iov, "test", 4), 0u);
     // Too short for the head, or a buffer of no bytes at all: left alone,
     // and so is such a message.
     piece(91, Head(separate, 91), {{1320, "Blk len 91 < 92"}});

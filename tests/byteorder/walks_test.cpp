@@ -34,12 +34,12 @@ struct Walker {
 std::vector<Walker> Walkers() {
     const Fields mc = P("w4 h8 h10 w12 w16 w20");
     return {
-        {"link", MBUF_MbufLinkInfoByteOrderTrans, 0x0102, "h0 h2", false, Sub(5, 8, P("w4"), 1),
-         Sub(1, 12, P("w4 w8"), 2), false, kTrans, 330, 0, 0, "", 7, 0, ""},
+        {"link", g_apfMbufPacketOrderTransProc[MBUF_CTL_LINK], 0x0102, "h0 h2", false,
+         Sub(5, 8, P("w4"), 1), Sub(1, 12, P("w4 w8"), 2), false, kTrans, 330, 0, 0, "", 7, 0, ""},
         // The packet information's values are opaque: only heads convert.
-        {"packet info", MBUF_MbufPacketInfoByteOrderTrans, 0x0102, "h0 h2", false, Sub(5, 8, {}, 1),
-         Sub(1, 12, {}, 2), true, kTrans, 372, 0, 0, "", 7, 0, ""},
-        {"packet send", MBUF_MbufPktSendInfoByteOrderTrans, 0x0102, "h2", false,
+        {"packet info", g_apfMbufPacketOrderTransProc[MBUF_CTL_PACKET], 0x0102, "h0 h2", false,
+         Sub(5, 8, {}, 1), Sub(1, 12, {}, 2), true, kTrans, 372, 0, 0, "", 7, 0, ""},
+        {"packet send", g_apfMbufPacketOrderTransProc[MBUF_CTL_PKTSEND], 0x0102, "h2", false,
          Sub(15, 12, P("w4 w8"), 1), Sub(15, 12, P("w4 w8"), 2), true, kPktSnd, 95, -1, 62, "Type ",
          11, 0, ""},
         // Nested walks find their own head converted by the packet-send walk.

@@ -104,50 +104,39 @@ TEST_F(AccessorTest, PairsReadAndWriteTheirFieldOnly) {
 // the header node's own words, the latter addressed by bit number.
 TEST_F(AccessorTest, FlagWordsAreSetClearedAndTestedWhereTheyLive) {
     MBUF_S *m = NewPacket();
-    EXPECT_EQ(MBUF_GetFlag(m), 0u);
-    EXPECT_EQ(MBUF_SetFlag(m, 0x81u), 0x81u);
-    EXPECT_EQ(MBUF_SetFlag(m, 0x100u), 0x181u);
-    EXPECT_EQ(MBUF_ClearFlag(m, 0x80u), 0x101u);
-    EXPECT_EQ(MBUF_TestFlag1(m, 0x180u), 1u);  // any bit of the mask
-    EXPECT_EQ(MBUF_TestFlag1(m, 0x80u), 0u);
-    EXPECT_EQ(MBUF_SetFlag2(m, 0x30u), 0);
-    EXPECT_EQ(MBUF_ClearFlag2(m, 0x10u), 0);
-    EXPECT_EQ(MBUF_TestFlag2(m, 0x21u), 1u);
-    EXPECT_EQ(MBUF_TestFlag2(m, 0x10u), 0u);
+    EXPECT_EQ((Seq{MBUF_GetFlag(m), MBUF_SetFlag(m, 0x81u), MBUF_SetFlag(m, 0x100u),
+                   MBUF_ClearFlag(m, 0x80u), MBUF_TestFlag1(m, 0x180u), MBUF_TestFlag1(m, 0x80u),
+                   MBUF_SetFlag2(m, 0x30u), MBUF_ClearFlag2(m, 0x10u), MBUF_TestFlag2(m, 0x21u),
+                   MBUF_TestFlag2(m, 0x10u)}),
+              (Seq{0, 0x81, 0x181, 0x101, 1, 0, 0, 0, 1, 0}));  // TestFlag: any bit of the mask
     for (std::uint32_t bit : {0u, 5u, 31u}) {
-        EXPECT_EQ(MBUF_TestFlag3(m, bit), 0u) << bit;
-        EXPECT_EQ(MBUF_SetFlag3(m, bit), 0) << bit;
-        EXPECT_EQ(MBUF_TestFlag3(m, bit), 1u) << bit;
+        EXPECT_EQ((Seq{MBUF_TestFlag3(m, bit), MBUF_SetFlag3(m, bit), MBUF_TestFlag3(m, bit)}),
+                  (Seq{0, 0, 1}))
+            << bit;
     }
-    EXPECT_EQ(MBUF_ClearFlag3(m, 5), 0);
-    EXPECT_EQ(MBUF_SetFlag3(m, 32), -1);
-    EXPECT_EQ(MBUF_ClearFlag3(m, 32), -1);
-    EXPECT_EQ(MBUF_TestFlag3(m, 32), 0u);
-    EXPECT_EQ(Load32(CommBytes(m).data()), 0x101u);
-    EXPECT_EQ(m->ulFlag2, 0x20u);
-    EXPECT_EQ(m->ulFlag3, 0x80000001u);
+    EXPECT_EQ((Seq{MBUF_ClearFlag3(m, 5), MBUF_SetFlag3(m, 32), MBUF_ClearFlag3(m, 32),
+                   MBUF_TestFlag3(m, 32), Load32(CommBytes(m).data()), m->ulFlag2, m->ulFlag3}),
+              (Seq{0, -1, -1, 0, 0x101, 0x20, 0x80000001}));
 
     // Without a block the header's words are still its own; a plain node's
     // are read by GetFlag2 only and never written.
-    EXPECT_EQ(MBUF_SetFlag2(&m_stNoBlock, 4), 0);
-    EXPECT_EQ(MBUF_SetFlag3(&m_stNoBlock, 2), 0);
-    EXPECT_EQ(MBUF_GetFlag2(&m_stNoBlock), 4u);
-    EXPECT_EQ(MBUF_TestFlag3(&m_stNoBlock, 2), 1u);
     m_stPlain.ulFlag2 = 0x5A5A0000u;
     m_stPlain.ulFlag3 = 0xFFFFFFFFu;
-    EXPECT_EQ(MBUF_GetFlag2(&m_stPlain), 0x5A5A0000u);
-    EXPECT_EQ(MBUF_GetFlag2(nullptr), 0xFFFFFFFFu);
+    EXPECT_EQ((Seq{MBUF_SetFlag2(&m_stNoBlock, 4), MBUF_SetFlag3(&m_stNoBlock, 2),
+                   MBUF_GetFlag2(&m_stNoBlock), MBUF_TestFlag3(&m_stNoBlock, 2),
+                   MBUF_GetFlag2(&m_stPlain), MBUF_GetFlag2(nullptr)}),
+              (Seq{0, 0, 4, 1, 0x5A5A0000, 0xFFFFFFFF}));
     for (MBUF_S *p : {static_cast<MBUF_S *>(nullptr), &m_stPlain}) {
-        EXPECT_EQ(MBUF_TestFlag2(p, 0xFFFFFFFFu) | MBUF_TestFlag3(p, 0), 0u);
-        EXPECT_EQ(MBUF_SetFlag2(p, 1) + MBUF_ClearFlag2(p, 0xFFFFFFFFu), -2);
-        EXPECT_EQ(MBUF_SetFlag3(p, 0) + MBUF_ClearFlag3(p, 0), -2);
+        EXPECT_EQ(
+            (Seq{MBUF_TestFlag2(p, 0xFFFFFFFFu), MBUF_TestFlag3(p, 0), MBUF_SetFlag2(p, 1),
+                 MBUF_ClearFlag2(p, 0xFFFFFFFFu), MBUF_SetFlag3(p, 0), MBUF_ClearFlag3(p, 0)}),
+            (Seq{0, 0, -1, -1, -1, -1}));
     }
-    EXPECT_EQ(m_stPlain.ulFlag2, 0x5A5A0000u);
-    EXPECT_EQ(m_stPlain.ulFlag3, 0xFFFFFFFFu);
-    for (MBUF_S *pstMissing : m_apstMissing) {
-        EXPECT_EQ(MBUF_GetFlag(pstMissing), 0xFFFFFFFFu);
-        EXPECT_EQ(MBUF_SetFlag(pstMissing, 1) | MBUF_ClearFlag(pstMissing, 1), 0u);
-        EXPECT_EQ(MBUF_TestFlag1(pstMissing, 0xFFFFFFFFu), 0u);
+    EXPECT_EQ((Seq{m_stPlain.ulFlag2, m_stPlain.ulFlag3}), (Seq{0x5A5A0000, 0xFFFFFFFF}));
+    for (MBUF_S *p : m_apstMissing) {
+        EXPECT_EQ((Seq{MBUF_GetFlag(p), MBUF_SetFlag(p, 1), MBUF_ClearFlag(p, 1),
+                       MBUF_TestFlag1(p, 0xFFFFFFFFu)}),
+                  (Seq{0xFFFFFFFF, 0, 0, 0}));
     }
 }
 
@@ -179,6 +168,12 @@ class DerivedTest : public MetaTest {
     // Fills the inline block's record area up to its last 8 bytes, so that
     // the next record of 8 bytes ends where the block's memory ends.
     static Record Filler() { return {MBUF_CTL_APP, Zeros(MBUF_CTL_INIT_CAPACITY - 8)}; }
+    // A record created 8 bytes long, too short for the fields read from it,
+    // and what follows it in the block.
+    static Record Short(std::uint32_t type) { return {type, Zeros(8)}; }
+    static Record Behind(std::uint32_t len, const std::vector<Patch> &patches) {
+        return {MBUF_CTL_APP, Zeros(len, patches)};
+    }
     static Record Link(const std::vector<Bytes> &subTlvs) {
         return {MBUF_CTL_LINK, TlvRecord(Cat(subTlvs))};
     }
@@ -212,9 +207,7 @@ TEST_F(DerivedTest, TosPrefersIpv4AndMtuFollowsTheProtocolType) {
     struct Case {
         const char *name;
         std::vector<Record> records;
-        std::uint32_t proto;
-        std::uint32_t tos;
-        std::uint32_t mtu;
+        std::uint32_t proto, tos, mtu;
     };
     const Case cases[] = {
         {"nothing", {}, 0, 0xFF, 0xFFFF},
@@ -228,25 +221,19 @@ TEST_F(DerivedTest, TosPrefersIpv4AndMtuFollowsTheProtocolType) {
         // A record created short is read where its fields would lie: here in
         // the record behind it (bytes 5 and 6 of it); at the block's end,
         // where they would lie outside, it reads as missing.
-        {"short ipv4 record",
-         {{MBUF_CTL_IP, Zeros(8)}, {MBUF_CTL_APP, Zeros(8, {{5, {0x5A}}, {6, U16(1400)}})}},
+        {"short ipv4",
+         {Short(MBUF_CTL_IP), Behind(8, {{5, {0x5A}}, {6, U16(1400)}})},
          0,
          0x5A,
          1400},
-        {"short ipv4 record at the block's end",
-         {Filler(), {MBUF_CTL_IP, Zeros(8)}},
-         0,
-         0xFF,
-         0xFFFF},
+        {"short ipv4 at the block's end", {Filler(), Short(MBUF_CTL_IP)}, 0, 0xFF, 0xFFFF},
     };
     for (const Case &c : cases) {
         MBUF_S *m = Build(c.records, c.proto);
-        EXPECT_EQ(MBUF_GetIPTOS(m), c.tos) << c.name;
-        EXPECT_EQ(MBUF_GetReceiveIfMTU(m), c.mtu) << c.name;
+        EXPECT_EQ((Seq{MBUF_GetIPTOS(m), MBUF_GetReceiveIfMTU(m)}), (Seq{c.tos, c.mtu})) << c.name;
     }
-    for (MBUF_S *pstMissing : m_apstMissing) {
-        EXPECT_EQ(MBUF_GetIPTOS(pstMissing), 0xFFu);
-        EXPECT_EQ(MBUF_GetReceiveIfMTU(pstMissing), 0xFFFFu);
+    for (MBUF_S *p : m_apstMissing) {
+        EXPECT_EQ((Seq{MBUF_GetIPTOS(p), MBUF_GetReceiveIfMTU(p)}), (Seq{0xFF, 0xFFFF}));
     }
 }
 
@@ -270,14 +257,11 @@ TEST_F(DerivedTest, RecvVlanIdSearchesLinkStackThenForwardingRecord) {
         // An 802.1Q sub-TLV without value reads its id from what follows it:
         // the type of the next sub-TLV.
         {"802.1Q without value", {Link({SubTlv(4, {}), QinQ(10, 20)})}, 1, {2, kNone}},
-        {"short FE record reads on",
-         {{MBUF_CTL_FERX, Zeros(8)}, {MBUF_CTL_APP, Zeros(24, {{8, U16(300)}, {20, U16(0x2000)}})}},
+        {"short FE",
+         {Short(MBUF_CTL_FERX), Behind(24, {{8, U16(300)}, {20, U16(0x2000)}})},
          1,
          {300, kNone}},
-        {"short FE record at the block's end",
-         {Filler(), {MBUF_CTL_FERX, Zeros(8)}},
-         0,
-         {kNone, kNone}},
+        {"short FE at the block's end", {Filler(), Short(MBUF_CTL_FERX)}, 0, {kNone, kNone}},
         {"one tag, high bits masked", {FeRx1(0xF12C, 0x2000)}, 1, {300, kNone}},
         {"one tag 1", {FeRx1(1, 0x2000)}, 1, {1, kNone}},
         {"one tag 4094", {FeRx1(4094, 0x2000)}, 1, {4094, kNone}},
@@ -291,26 +275,24 @@ TEST_F(DerivedTest, RecvVlanIdSearchesLinkStackThenForwardingRecord) {
         {"unrelated sub-TLV only", {Link({SubTlv(7, Zeros(8))})}, 0, {kNone, kNone}},
         {"nothing", {}, 0, {kNone, kNone}},
     };
+    std::uint16_t out[2];
+    std::uint32_t count = 77;
     for (const Case &c : cases) {
         MBUF_S *m = Build(c.records);
-        std::uint16_t out[2] = {kNone, kNone};
-        std::uint32_t count = 77;
-        EXPECT_EQ(MBUF_GetRecvVlanId(m, out, 2, &count),
-                  c.count != 0 ? MBUF_OK : MBUF_ERR_NOT_FOUND)
+        out[0] = out[1] = kNone;
+        count = 77;
+        EXPECT_EQ((Seq{MBUF_GetRecvVlanId(m, out, 2, &count), count, out[0], out[1]}),
+                  (Seq{c.count != 0 ? MBUF_OK : MBUF_ERR_NOT_FOUND, c.count, c.ids[0], c.ids[1]}))
             << c.name;
-        EXPECT_EQ(count, c.count) << c.name;
-        EXPECT_EQ(std::vector<std::uint16_t>(out, out + 2), c.ids) << c.name;
     }
     MBUF_S *m = Build({Link({Dot1q(100)})});
-    std::uint16_t out[2] = {};
-    std::uint32_t count = 77;
-    EXPECT_EQ(MBUF_GetRecvVlanId(nullptr, out, 2, &count), MBUF_ERR_BAD_ARG);
-    EXPECT_EQ(MBUF_GetRecvVlanId(m, nullptr, 2, &count), MBUF_ERR_BAD_ARG);
-    EXPECT_EQ(MBUF_GetRecvVlanId(m, out, 1, &count), MBUF_ERR_BAD_ARG);
-    EXPECT_EQ(MBUF_GetRecvVlanId(m, out, 2, nullptr), MBUF_ERR_BAD_ARG);
-    EXPECT_EQ(count, 77u);
-    EXPECT_EQ(MBUF_GetRecvVlanId(&m_stPlain, out, 2, &count), MBUF_ERR_NOT_FOUND);
-    EXPECT_EQ(count, 0u);
+    count = 77;
+    constexpr std::int64_t kBad = MBUF_ERR_BAD_ARG;
+    EXPECT_EQ(
+        (Seq{MBUF_GetRecvVlanId(nullptr, out, 2, &count), MBUF_GetRecvVlanId(m, nullptr, 2, &count),
+             MBUF_GetRecvVlanId(m, out, 1, &count), MBUF_GetRecvVlanId(m, out, 2, nullptr), count,
+             MBUF_GetRecvVlanId(&m_stPlain, out, 2, &count), count}),
+        (Seq{kBad, kBad, kBad, kBad, 77, MBUF_ERR_NOT_FOUND, 0}));
 }
 
 TEST_F(DerivedTest, VlanPriorityFollowsTagThenPacket) {
@@ -341,16 +323,17 @@ TEST_F(DerivedTest, VlanPriorityFollowsTagThenPacket) {
         {"tag mode 1 alone", {Link({VlanPrio(1, 4, 1)})}, 2, {4, 4}},
         {"tag mode 1, ethernet not valid", {Link({Eth(6, 0), VlanPrio(1, 4, 1)})}, 2, {4, 4}},
     };
+    std::uint8_t out[2];
     for (const Case &c : cases) {
         MBUF_S *m = Build(c.records);
-        std::uint8_t out[2] = {0xEE, 0xEE};
+        out[0] = out[1] = 0xEE;
         EXPECT_EQ(MBUF_GetVlanPriority(m, out, c.capacity), c.out.empty() ? -1 : 0) << c.name;
         EXPECT_EQ(Bytes(out, out + 2), (c.out.empty() ? Bytes{0xEE, 0xEE} : c.out)) << c.name;
     }
-    std::uint8_t out[2] = {};
-    EXPECT_EQ(MBUF_GetVlanPriority(nullptr, out, 2), -1);
-    EXPECT_EQ(MBUF_GetVlanPriority(Build({ip5}), nullptr, 2), -1);
-    EXPECT_EQ(MBUF_GetVlanPriority(&m_stPlain, out, 2), -1);
+    EXPECT_EQ(
+        (Seq{MBUF_GetVlanPriority(nullptr, out, 2), MBUF_GetVlanPriority(Build({ip5}), nullptr, 2),
+             MBUF_GetVlanPriority(&m_stPlain, out, 2)}),
+        (Seq{-1, -1, -1}));
 }
 
 // The IPv6 half returns the record or sub-TLV the priority came from; the
@@ -374,8 +357,7 @@ TEST_F(DerivedTest, Ipv6HalfReportsWhereThePriorityCameFrom) {
         std::uint8_t priority = 0xEE;
         std::uint8_t found = 0xEE;
         EXPECT_EQ(MBUF_GetVlanPriority_ProcIpv6(c.m, &priority, &found), c.from);
-        EXPECT_EQ(priority, c.priority);
-        EXPECT_EQ(found, c.from != nullptr ? 1 : 0);
+        EXPECT_EQ((Seq{priority, found}), (Seq{c.priority, c.from != nullptr ? 1 : 0}));
         EXPECT_EQ(MBUF_GetVlanPriority_ProcIpv6(c.m, nullptr, &found), nullptr);
         EXPECT_EQ(MBUF_GetVlanPriority_ProcIpv6(c.m, &priority, nullptr), nullptr);
     }
@@ -386,45 +368,42 @@ TEST_F(DerivedTest, PruneVlansComeFromVsiThenBridgeDomain) {
         const char *name;
         std::vector<Bytes> link;
         std::uint32_t capacity;
-        std::int32_t result;
-        std::uint32_t count;
-        std::vector<std::uint16_t> out;
+        Seq result;  // result, count, out[0], out[1]
     };
     constexpr std::uint16_t kNone = 0xEEEE;
     const Case cases[] = {
-        {"vsi", {Prune(9, 10, 20)}, 2, 0, 2, {10, 20}},
-        {"bridge domain", {Prune(11, 30, 40)}, 2, 0, 2, {30, 40}},
-        {"vsi before bridge domain", {Prune(11, 30, 40), Prune(9, 10, 20)}, 2, 0, 2, {10, 20}},
-        {"first zero", {Prune(9, 0, 20)}, 2, 0, 0, {kNone, kNone}},
-        {"second zero", {Prune(9, 10, 0)}, 2, 0, 1, {10, kNone}},
+        {"vsi", {Prune(9, 10, 20)}, 2, {0, 2, 10, 20}},
+        {"bridge domain", {Prune(11, 30, 40)}, 2, {0, 2, 30, 40}},
+        {"vsi before bridge domain", {Prune(11, 30, 40), Prune(9, 10, 20)}, 2, {0, 2, 10, 20}},
+        {"first zero", {Prune(9, 0, 20)}, 2, {0, 0, kNone, kNone}},
+        {"second zero", {Prune(9, 10, 0)}, 2, {0, 1, 10, kNone}},
         // The count says two even when only one fits.
-        {"room for one", {Prune(9, 10, 20)}, 1, 0, 2, {10, kNone}},
-        {"no room", {Prune(9, 10, 20)}, 0, 0, 2, {kNone, kNone}},
+        {"room for one", {Prune(9, 10, 20)}, 1, {0, 2, 10, kNone}},
+        {"no room", {Prune(9, 10, 20)}, 0, {0, 2, kNone, kNone}},
         // A short VSI sub-TLV is read where its VLANs would lie: in the value
         // of the sub-TLV behind it.
         {"short vsi reads on",
          {SubTlv(9, Zeros(8)), SubTlv(3, Zeros(8, {{4, U16(30)}, {6, U16(40)}}))},
          2,
-         0,
-         2,
-         {30, 40}},
-        {"neither", {SubTlv(4, Zeros(8))}, 2, -1, 77, {kNone, kNone}},
+         {0, 2, 30, 40}},
+        {"neither", {SubTlv(4, Zeros(8))}, 2, {-1, 77, kNone, kNone}},
     };
+    std::uint16_t out[2];
+    std::uint32_t count = 77;
     for (const Case &c : cases) {
         MBUF_S *m = Build({Link(c.link)});
-        std::uint16_t out[2] = {kNone, kNone};
-        std::uint32_t count = 77;
-        EXPECT_EQ(MBUF_GetPruneVlanByVsi(m, out, c.capacity, &count), c.result) << c.name;
-        EXPECT_EQ(count, c.count) << c.name;
-        EXPECT_EQ(std::vector<std::uint16_t>(out, out + 2), c.out) << c.name;
+        out[0] = out[1] = kNone;
+        count = 77;
+        EXPECT_EQ((Seq{MBUF_GetPruneVlanByVsi(m, out, c.capacity, &count), count, out[0], out[1]}),
+                  c.result)
+            << c.name;
     }
-    std::uint16_t out[2] = {};
-    std::uint32_t count = 0;
-    EXPECT_EQ(MBUF_GetPruneVlanByVsi(Build({}), out, 2, &count), -1);
     MBUF_S *m = Build({Link({Prune(9, 10, 20)})});
-    EXPECT_EQ(MBUF_GetPruneVlanByVsi(nullptr, out, 2, &count), -1);
-    EXPECT_EQ(MBUF_GetPruneVlanByVsi(m, nullptr, 2, &count), -1);
-    EXPECT_EQ(MBUF_GetPruneVlanByVsi(m, out, 2, nullptr), -1);
+    EXPECT_EQ((Seq{MBUF_GetPruneVlanByVsi(Build({}), out, 2, &count),
+                   MBUF_GetPruneVlanByVsi(nullptr, out, 2, &count),
+                   MBUF_GetPruneVlanByVsi(m, nullptr, 2, &count),
+                   MBUF_GetPruneVlanByVsi(m, out, 2, nullptr)}),
+              (Seq{-1, -1, -1, -1}));
 }
 
 // The key setter creates the MPLS record it fills: a new record reads
@@ -433,53 +412,53 @@ TEST_F(DerivedTest, TunnelKeyCreatesTheMplsRecordOnceAndReplacesOnlyTheKey) {
     const Bytes keyA = {1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11, 12};
     const Bytes keyB = {0xF0, 0xE1, 0xD2, 0xC3, 0xB4, 0xA5, 0x96, 0x87, 0x78, 0x69, 0x5A, 0x4B};
     Bytes key(12);
+    // The key the getter gives, nothing when it fails.
+    const auto keyOf = [&key](MBUF_S *p) {
+        return MBUF_GetTunnelKey(p, key.data()) == 0 ? key : Bytes{};
+    };
+    const auto created = [](const Bytes &k) {
+        return Cat({Bytes(20, 0xFF), Bytes(4, 0), Bytes(20, 0xFF), Bytes(52, 0), k, Bytes(4, 0)});
+    };
     MBUF_S *m = NewPacket();
-    EXPECT_EQ(MBUF_GetTunnelKey(m, key.data()), -1);
+    EXPECT_EQ(keyOf(m), Bytes{});
     ASSERT_EQ(MBUF_SetTunnelKey_fl(m, kModule, keyA.data(), "caller", 7), 0);
     ExpectValid(m);
     std::uint8_t *rec = Rec(m, MBUF_CTL_MPLS);
     ASSERT_EQ(MBUF_GetControlLen(m, MBUF_CTL_MPLS), 112u);
-    EXPECT_EQ(Bytes(rec, rec + 112), Cat({Bytes(20, 0xFF), Bytes(4, 0), Bytes(20, 0xFF),
-                                          Bytes(52, 0), keyA, Bytes(4, 0)}));
-    EXPECT_EQ(MBUF_GetTunnelKey(m, key.data()), 0);
-    EXPECT_EQ(key, keyA);
+    EXPECT_EQ(Bytes(rec, rec + 112), created(keyA));
+    EXPECT_EQ(keyOf(m), keyA);
     krm::Store32At(rec, 8, 0x12345678u);
+    Bytes want = created(keyB);
+    krm::Store32At(want.data(), 8, 0x12345678u);
     ASSERT_EQ(MBUF_SetTunnelKey(m, kModule, keyB.data()), 0);
     EXPECT_EQ(Rec(m, MBUF_CTL_MPLS), rec);
-    EXPECT_EQ(Bytes(rec, rec + 112),
-              Cat({Bytes(8, 0xFF), U32(0x12345678u), Bytes(8, 0xFF), Bytes(4, 0), Bytes(20, 0xFF),
-                   Bytes(52, 0), keyB, Bytes(4, 0)}));
-    EXPECT_EQ(MBUF_GetTunnelKey(m, key.data()), 0);
-    EXPECT_EQ(key, keyB);
+    EXPECT_EQ(Bytes(rec, rec + 112), want);
+    EXPECT_EQ(keyOf(m), keyB);
 
-    MBUF_S *own = NewPacket();
-    const std::uint8_t *ownRec = AddRecord(own, MBUF_CTL_MPLS, 108);
-    ASSERT_EQ(MBUF_SetTunnelKey(own, kModule, keyA.data()), 0);
-    EXPECT_EQ(Bytes(ownRec, ownRec + 108), Cat({Bytes(96, 0), keyA}));
-    // A record made by hand too short for the key takes it at 96 all the
-    // same, inside the block; at the block's end the key would lie outside:
-    // nothing is written, the setter still succeeds and the getter fails.
-    MBUF_S *shortRec = NewPacket();
-    const std::uint8_t *shortMpls = AddRecord(shortRec, MBUF_CTL_MPLS, 16);
-    EXPECT_EQ(MBUF_SetTunnelKey(shortRec, kModule, keyA.data()), 0);
-    EXPECT_EQ(Bytes(shortMpls + 96, shortMpls + 108), keyA);
-    EXPECT_EQ(MBUF_GetTunnelKey(shortRec, key.data()), 0);
-    EXPECT_EQ(key, keyA);
-    MBUF_S *atEnd = NewPacket();
-    (void)AddRecord(atEnd, MBUF_CTL_APP, MBUF_CTL_INIT_CAPACITY - 8);
-    (void)AddRecord(atEnd, MBUF_CTL_MPLS, 8);
+    // A record made by hand, even one too short for the key, takes it at 96
+    // inside the block; at the block's end the key would lie outside: nothing
+    // is written, the setter still succeeds and the getter fails.
+    for (std::uint32_t len : {108u, 16u}) {
+        MBUF_S *own = NewPacket();
+        const std::uint8_t *ownRec = AddRecord(own, MBUF_CTL_MPLS, len);
+        ASSERT_EQ(MBUF_SetTunnelKey(own, kModule, keyA.data()), 0);
+        EXPECT_EQ(Bytes(ownRec + (len == 108 ? 0 : 96), ownRec + 108),
+                  Cat({Bytes(len == 108 ? 96 : 0, 0), keyA}));
+        EXPECT_EQ(keyOf(own), keyA);
+    }
+    MBUF_S *atEnd = Build({Filler(), Short(MBUF_CTL_MPLS)});
     const Bytes before = BlockBytes(atEnd);
     EXPECT_EQ(MBUF_SetTunnelKey(atEnd, kModule, keyA.data()), 0);
     EXPECT_EQ(BlockBytes(atEnd), before);
-    EXPECT_EQ(MBUF_GetTunnelKey(atEnd, key.data()), -1);
+    EXPECT_EQ(keyOf(atEnd), Bytes{});
     MBUF_S *none = NewPacket();
-    EXPECT_EQ(MBUF_SetTunnelKey(none, kModule, nullptr), -1);
+    EXPECT_EQ((Seq{MBUF_SetTunnelKey(none, kModule, nullptr), MBUF_GetTunnelKey(m, nullptr),
+                   MBUF_SetTunnelKey(nullptr, kModule, keyA.data()),
+                   MBUF_GetTunnelKey(nullptr, key.data()),
+                   MBUF_SetTunnelKey(&m_stPlain, kModule, keyA.data()),
+                   MBUF_GetTunnelKey(&m_stPlain, key.data())}),
+              (Seq{-1, -1, -1, -1, -1, -1}));
     EXPECT_EQ(Rec(none, MBUF_CTL_MPLS), nullptr);
-    EXPECT_EQ(MBUF_GetTunnelKey(m, nullptr), -1);
-    for (MBUF_S *p : {static_cast<MBUF_S *>(nullptr), &m_stPlain}) {
-        EXPECT_EQ(MBUF_SetTunnelKey(p, kModule, keyA.data()), -1);
-        EXPECT_EQ(MBUF_GetTunnelKey(p, key.data()), -1);
-    }
 }
 
 }  // namespace

@@ -53,20 +53,21 @@ TEST_F(CtlInfoTest, CreatePlacesZeroFilledRecordsRoundedToEight) {
     ExpectValid(m);
     EXPECT_EQ(Rec(m, MBUF_CTL_PREVHOP), base + MBUF_CTL_FIXED_LEN);
     EXPECT_EQ(Rec(m, MBUF_CTL_IP), base + MBUF_CTL_FIXED_LEN + 8);
-    EXPECT_EQ(MBUF_GetControlLen(m, MBUF_CTL_IP), 24u);
-    EXPECT_EQ(m->pstCtlInfo->usUsedLen, 32u);
-    EXPECT_EQ(Load32At(base, 84), 0x40001702u | (MBUF_BYTEORDER_HOST << 16));
+    EXPECT_EQ(
+        (Seq{MBUF_GetControlLen(m, MBUF_CTL_IP), m->pstCtlInfo->usUsedLen, Load32At(base, 84)}),
+        (Seq{24, 32, 0x40001702u | (MBUF_BYTEORDER_HOST << 16)}));
     EXPECT_EQ(Bytes(base + MBUF_CTL_FIXED_LEN, base + MBUF_CTL_FIXED_LEN + 33),
               Cat({Bytes(32, 0), {0xA5}}));
 
     Rec(m, MBUF_CTL_IP)[0] = 0x42;
-    EXPECT_EQ(MBUF_CreateControlInfo(m, MBUF_CTL_IP, 8, kModule), MBUF_ERR_CTL_EXISTS);
-    EXPECT_EQ(MBUF_CreateControlInfo(m, 23, 8, kModule), MBUF_ERR_CTL_NO_ROOM);
-    EXPECT_EQ(MBUF_CreateControlInfo(m, MBUF_CTL_COMM, 8, kModule), MBUF_OK);
-    EXPECT_EQ(MBUF_CreateControlInfo(nullptr, 2, 8, kModule), MBUF_ERR_INVALID_MBUF);
-    EXPECT_EQ(MBUF_CreateControlInfo(&m_stPlain, 2, 8, kModule), MBUF_ERR_INVALID_MBUF);
+    EXPECT_EQ((Seq{MBUF_CreateControlInfo(m, MBUF_CTL_IP, 8, kModule),
+                   MBUF_CreateControlInfo(m, 23, 8, kModule),
+                   MBUF_CreateControlInfo(m, MBUF_CTL_COMM, 8, kModule),
+                   MBUF_CreateControlInfo(nullptr, 2, 8, kModule),
+                   MBUF_CreateControlInfo(&m_stPlain, 2, 8, kModule), m->pstCtlInfo->ucRecNum}),
+              (Seq{MBUF_ERR_CTL_EXISTS, MBUF_ERR_CTL_NO_ROOM, MBUF_OK, MBUF_ERR_INVALID_MBUF,
+                   MBUF_ERR_INVALID_MBUF, 2}));
     EXPECT_EQ(Rec(m, MBUF_CTL_IP)[0], 0x42) << "an existing record is never replaced";
-    EXPECT_EQ(m->pstCtlInfo->ucRecNum, 2u);
     ExpectValid(m);
 }
 
@@ -81,8 +82,8 @@ TEST_F(CtlInfoTest, DeletionFreesTheSlotNotTheBytesAndResetsTheCommonRecord) {
     MBUF_DeleteControlInfo(m, 23);
     ExpectValid(m);
     EXPECT_EQ(Rec(m, MBUF_CTL_IPSEC), nullptr);
-    EXPECT_EQ(m->pstCtlInfo->ucRecNum, 1u);
-    EXPECT_EQ(m->pstCtlInfo->usUsedLen, 24u) << "deletion reclaims nothing";
+    // Deletion reclaims nothing: the record made anew goes behind.
+    EXPECT_EQ((Seq{m->pstCtlInfo->ucRecNum, m->pstCtlInfo->usUsedLen}), (Seq{1, 24}));
     ASSERT_NE(AddRecord(m, MBUF_CTL_IPSEC, 8), nullptr);
     EXPECT_EQ(m->pstCtlInfo->astSlot[MBUF_CTL_IPSEC].usOffset, first + 24);
     ExpectValid(m);
@@ -94,11 +95,8 @@ TEST_F(CtlInfoTest, DeletionFreesTheSlotNotTheBytesAndResetsTheCommonRecord) {
     m->ulFlag2 = 0x55;
     m->ulFlag3 = 0x66;
     MBUF_DeleteControlInfo(m, MBUF_CTL_COMM);
-    EXPECT_EQ(comm->ulVrfId, 0u);
-    EXPECT_EQ(comm->usPktPriority, 0u);
-    EXPECT_EQ(comm->ulPathId, 0xFFFFFFFFu);
-    EXPECT_EQ(m->ulFlag2, 0u);
-    EXPECT_EQ(m->ulFlag3, 0x66u);
+    EXPECT_EQ((Seq{comm->ulVrfId, comm->usPktPriority, comm->ulPathId, m->ulFlag2, m->ulFlag3}),
+              (Seq{0, 0, 0xFFFFFFFF, 0, 0x66}));
     EXPECT_NE(Rec(m, MBUF_CTL_VSIMAC), nullptr);
     ExpectValid(m);
 }
@@ -172,10 +170,10 @@ TEST_F(CtlInfoTest, PacketWithoutBlockGetsOneAttributedToTheCaller) {
     ASSERT_EQ(MBUF_CreateControlInfo_fl(m, MBUF_CTL_COMM, 0, kModule, "caller", 77), MBUF_OK);
     EXPECT_EQ(Reports(), std::vector<Report>{AssertReportNoText("krm_mbuf_bas", 1205)});
     ASSERT_NE(m->pstCtlInfo, nullptr);
-    EXPECT_EQ(BufInfo(m->pstCtlInfo).ulLen, MBUF_CTLINFO_INLINE_LEN);
-    EXPECT_STREQ(BufInfo(m->pstCtlInfo).pcFile, "caller");
-    EXPECT_EQ(BufInfo(m->pstCtlInfo).ulLine, 77u);
-    EXPECT_EQ(m->pstCtlInfo->usCapacity, MBUF_CTL_INIT_CAPACITY);
+    const KRM_HOST_BUF_INFO_S info = BufInfo(m->pstCtlInfo);
+    EXPECT_STREQ(info.pcFile, "caller");
+    EXPECT_EQ((Seq{info.ulLen, info.ulLine, m->pstCtlInfo->usCapacity}),
+              (Seq{MBUF_CTLINFO_INLINE_LEN, 77, MBUF_CTL_INIT_CAPACITY}));
     ExpectValid(m);
 }
 
@@ -297,6 +295,7 @@ TEST_F(CtlInfoTest, StoringASubTlvOverwritesOrAppends) {
     EXPECT_EQ(static_cast<const void *>(find(SubTlv(9, Zeros(6)))), rec + 4);
     EXPECT_EQ(static_cast<const void *>(find(SubTlv(9, Zeros(3)))), rec + 14);
     EXPECT_EQ(find(SubTlv(9, Zeros(2))), nullptr);
+    EXPECT_EQ(find(SubTlv(9, Zeros(7))), nullptr);
     EXPECT_EQ(MBUF_GetTlvInfo(m, nullptr), nullptr);
     // Records that are not TLV lists are returned whole, sub-type ignored.
     const std::uint8_t *mpls = AddRecord(m, MBUF_CTL_MPLS, 108);
@@ -307,12 +306,13 @@ TEST_F(CtlInfoTest, StoringASubTlvOverwritesOrAppends) {
 TEST_F(CtlInfoTest, StoringRefusesWhatCannotBeStored) {
     MBUF_S *m = NewPacket();
     const Bytes tlv = SubTlv(1, {1});
-    EXPECT_EQ(MBUF_SetTlvInfo(nullptr, kModule, AsTlv(tlv)), -1);
-    EXPECT_EQ(MBUF_SetTlvInfo(&m_stPlain, kModule, AsTlv(tlv)), -1);
-    EXPECT_EQ(MBUF_SetTlvInfo(m, kModule, nullptr), -1);
     // The list length is 16 bits: a sub-TLV that cannot be counted is
     // refused before the record is touched.
-    EXPECT_EQ(MBUF_SetTlvInfo(m, kModule, AsTlv(SubTlv(2, Zeros(0xFFFF)))), -1);
+    EXPECT_EQ(
+        (Seq{MBUF_SetTlvInfo(nullptr, kModule, AsTlv(tlv)),
+             MBUF_SetTlvInfo(&m_stPlain, kModule, AsTlv(tlv)), MBUF_SetTlvInfo(m, kModule, nullptr),
+             MBUF_SetTlvInfo(m, kModule, AsTlv(SubTlv(2, Zeros(0xFFFF))))}),
+        (Seq{-1, -1, -1, -1}));
     EXPECT_EQ(Rec(m, MBUF_CTL_PACKET), nullptr);
     ASSERT_EQ(MBUF_SetTlvInfo(m, kModule, AsTlv(tlv)), 0);
     const Bytes before = BlockBytes(m);
@@ -328,28 +328,30 @@ TEST_F(CtlInfoTest, TagsFillTheNodeThenTheBlockMovesOutGrowsAndIsReleased) {
     std::uint8_t *a = Tag(m, MBUF_CTL_IP, 5);
     ASSERT_NE(a, nullptr);
     EXPECT_EQ(Tag(m, MBUF_CTL_IP6, 3), a + 5) << "tags are not rounded";
-    EXPECT_EQ(m->pstCtlInfo->astSlot[MBUF_CTL_IP6].usLen, 3);
-    EXPECT_EQ(m->pstCtlInfo->ucRecNum, 2);
+    EXPECT_EQ((Seq{m->pstCtlInfo->astSlot[MBUF_CTL_IP6].usLen, m->pstCtlInfo->ucRecNum}),
+              (Seq{3, 2}));
     std::memset(Tag(m, MBUF_CTL_APP, 256), 0x3C, 256);  // 264: exactly full
     ExpectValid(m);
     MBUF_DeletePktTag(m, nullptr);
     ASSERT_TRUE(Inline(m)) << "an inline block is neither moved nor released";
+    // Records never move when the block does.
+    const auto appKept = [m] {
+        const std::uint8_t *app = Rec(m, MBUF_CTL_APP);
+        return Bytes(app, app + 256) == Bytes(256, 0x3C);
+    };
 
     std::uint8_t *grown = Tag(m, MBUF_CTL_POLICYIF, 10);
     ASSERT_FALSE(Inline(m));
-    EXPECT_EQ(BufInfo(m->pstCtlInfo).ulLen, MBUF_CTL_FIXED_LEN + 274 + 128);
-    EXPECT_EQ(m->pstCtlInfo->usCapacity, 274 + 128);
+    EXPECT_EQ((Seq{BufInfo(m->pstCtlInfo).ulLen, m->pstCtlInfo->usCapacity, appKept()}),
+              (Seq{MBUF_CTL_FIXED_LEN + 274 + 128, 274 + 128, true}));
     EXPECT_EQ(grown, reinterpret_cast<std::uint8_t *>(m->pstCtlInfo) + MBUF_CTL_FIXED_LEN + 264);
-    const std::uint8_t *app = Rec(m, MBUF_CTL_APP);
-    EXPECT_EQ(Bytes(app, app + 256), Bytes(256, 0x3C)) << "records never move";
     ExpectValid(m);
 
+    // A separate block is re-allocated, then released.
     const std::uint32_t live = KRM_HOST_LiveBufferCount();
     ASSERT_NE(Tag(m, MBUF_CTL_STACKDEBUG, 500), nullptr);
-    EXPECT_EQ(KRM_HOST_LiveBufferCount(), live) << "a separate block is re-allocated";
-    EXPECT_EQ(BufInfo(m->pstCtlInfo).ulLen, MBUF_CTL_FIXED_LEN + 774 + 128);
-    app = Rec(m, MBUF_CTL_APP);
-    EXPECT_EQ(Bytes(app, app + 256), Bytes(256, 0x3C));
+    EXPECT_EQ((Seq{KRM_HOST_LiveBufferCount(), BufInfo(m->pstCtlInfo).ulLen, appKept()}),
+              (Seq{live, MBUF_CTL_FIXED_LEN + 774 + 128, true}));
     ExpectValid(m);
 
     const Bytes before = BlockBytes(m);
@@ -359,7 +361,7 @@ TEST_F(CtlInfoTest, TagsFillTheNodeThenTheBlockMovesOutGrowsAndIsReleased) {
     EXPECT_TRUE(Reports().empty());
     MBUF_DeletePktTag(m, nullptr);
     EXPECT_EQ(m->pstCtlInfo, nullptr);
-    EXPECT_EQ(KRM_HOST_LiveBufferCount(), live - 1) << "a separate block is released";
+    EXPECT_EQ(KRM_HOST_LiveBufferCount(), live - 1);
     ExpectValid(m);
     MBUF_DeletePktTag(nullptr, nullptr);
 }
@@ -375,6 +377,10 @@ TEST_F(CtlInfoTest, BlockAboveTheCapacityLimitTakesNoMoreTags) {
     EXPECT_EQ(Tag(m, MBUF_CTL_IP6, 8), nullptr) << "room is left, but the block is too large";
     EXPECT_EQ(BlockBytes(m), before);
     ExpectValid(m);
+    MBUF_S *limit = NewPacket();
+    ASSERT_NE(Tag(limit, MBUF_CTL_STACKDEBUG, MBUF_CTL_MAX_CAPACITY - 128), nullptr);
+    EXPECT_EQ(limit->pstCtlInfo->usCapacity, MBUF_CTL_MAX_CAPACITY);
+    EXPECT_NE(Tag(limit, MBUF_CTL_APP, 8), nullptr) << "a block of exactly the limit takes more";
 }
 
 TEST_F(CtlInfoTest, HeaderlessNodesAreReportedByEveryTagOperation) {
@@ -410,21 +416,19 @@ TEST_F(CtlInfoTest, CopyingTagsReusesOrReplacesTheDestinationBlock) {
         EXPECT_EQ(MBUF_CopyPktTag(dst, src, kModule, nullptr), 1u);
         EXPECT_EQ(dst->pstCtlInfo, own);
         EXPECT_EQ(Rec(dst, MBUF_CTL_STACKDEBUG), nullptr) << "the source's directory";
-        EXPECT_EQ(Rec(dst, MBUF_CTL_IP)[3], 0x17);
-        EXPECT_EQ(dst->ulFlag2, 2u);
-        EXPECT_EQ(dst->ulFlag3, 3u);
+        EXPECT_EQ((Seq{Rec(dst, MBUF_CTL_IP)[3], dst->ulFlag2, dst->ulFlag3}), (Seq{0x17, 2, 3}));
         ExpectValid(dst);
     }
-    EXPECT_EQ(bigBlk->usCapacity, bigCapacity);
-    EXPECT_EQ(KRM_HOST_LiveBufferCount(), live);
+    EXPECT_EQ((Seq{bigBlk->usCapacity, KRM_HOST_LiveBufferCount()}), (Seq{bigCapacity, live}));
 
     std::memset(AddRecord(src, MBUF_CTL_STACKDEBUG, 600), 0x2D, 600);
     ASSERT_NE(AddRecord(small, MBUF_CTL_APP, 300), nullptr);  // separate, but smaller
     EXPECT_EQ(MBUF_CopyPktTag(small, src, kModule, nullptr), 1u);
-    EXPECT_EQ(KRM_HOST_LiveBufferCount(), live + 2) << "the smaller block was released";
-    EXPECT_EQ(small->pstCtlInfo->usCapacity, src->pstCtlInfo->usCapacity);
-    EXPECT_EQ(BufInfo(small->pstCtlInfo).ulLen, MBUF_CTL_FIXED_LEN + src->pstCtlInfo->usCapacity);
-    EXPECT_EQ(Rec(small, MBUF_CTL_STACKDEBUG)[599], 0x2D);
+    // The smaller block was released.
+    EXPECT_EQ((Seq{KRM_HOST_LiveBufferCount(), small->pstCtlInfo->usCapacity,
+                   BufInfo(small->pstCtlInfo).ulLen, Rec(small, MBUF_CTL_STACKDEBUG)[599]}),
+              (Seq{live + 2, src->pstCtlInfo->usCapacity,
+                   MBUF_CTL_FIXED_LEN + src->pstCtlInfo->usCapacity, 0x2D}));
     ExpectValid(small);
 
     MBUF_DeletePktTag(src, nullptr);
@@ -434,8 +438,9 @@ TEST_F(CtlInfoTest, CopyingTagsReusesOrReplacesTheDestinationBlock) {
     EXPECT_EQ(small->ulFlag2, 7u) << "flags travel only with a block";
 
     const Bytes before = BlockBytes(big);
-    EXPECT_EQ(MBUF_CopyPktTag(big, nullptr, kModule, nullptr), 1u);
-    EXPECT_EQ(MBUF_CopyPktTag(nullptr, big, kModule, nullptr), 1u);
+    EXPECT_EQ((Seq{MBUF_CopyPktTag(big, nullptr, kModule, nullptr),
+                   MBUF_CopyPktTag(nullptr, big, kModule, nullptr)}),
+              (Seq{1, 1}));
     EXPECT_EQ(BlockBytes(big), before);
     EXPECT_TRUE(Reports().empty());
 }

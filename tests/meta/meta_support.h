@@ -21,6 +21,9 @@ using krm::test::ExpectValid;
 using krm::test::Report;
 using krm::test::Reports;
 using Bytes = std::vector<std::uint8_t>;
+// The results of a sequence of calls, in the order made (a braced list
+// evaluates left to right), compared with the expected sequence at once.
+using Seq = std::vector<std::int64_t>;
 
 inline constexpr std::uint32_t kModule = 0x00650000;  // a SOCK module
 

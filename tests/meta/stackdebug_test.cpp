@@ -205,11 +205,9 @@ TEST_F(StackDebugTest, NoStampBeyondNineteenEntries) {
     EXPECT_EQ(Stamp(m, kCompB), -1);
     const std::uint8_t *rec = Sd(m);
     ASSERT_NE(rec, nullptr);
-    EXPECT_EQ(rec[4], 24u);
-    EXPECT_EQ(rec[5], 17u);
-    EXPECT_EQ(Load32At(rec, RecordLen(17)), kCompA + 17);
-    EXPECT_EQ(Load32At(rec, RecordLen(18)), 0u);
-    EXPECT_EQ(Stamp(m, kCompA + 17), -1);
+    EXPECT_EQ((Seq{rec[4], rec[5], Load32At(rec, RecordLen(17)), Load32At(rec, RecordLen(18)),
+                   Stamp(m, kCompA + 17)}),
+              (Seq{24, 17, kCompA + 17, 0, -1}));
     ExpectValid(m);
 }
 
@@ -221,8 +219,7 @@ TEST_F(StackDebugTest, DamagedRecordsAndMissingPartsAreRefused) {
     struct Case {
         const char *name;
         std::uint32_t len;
-        std::uint8_t capacity;
-        std::uint8_t current;
+        std::uint8_t capacity, current;
     };
     const Case cases[] = {
         {"capacity 0", kHeadLen, 0, 0},
@@ -231,24 +228,26 @@ TEST_F(StackDebugTest, DamagedRecordsAndMissingPartsAreRefused) {
         {"current entry beyond the block", RecordLen(2), 6, 5},
     };
     for (const Case &c : cases) {
-        SCOPED_TRACE(c.name);
         MBUF_S *m = NewPacket();
         std::uint8_t *rec = HandRecord(m, c.len, c.capacity, c.current);
         const Bytes before = BlockBytes(m);
-        EXPECT_EQ(Stamp(m, kCompA), -1);
-        EXPECT_EQ(Sd(m), rec);
-        EXPECT_EQ(BlockBytes(m), before);
+        EXPECT_EQ(Stamp(m, kCompA), -1) << c.name;
+        EXPECT_EQ(Sd(m), rec) << c.name;
+        EXPECT_EQ(BlockBytes(m), before) << c.name;
     }
+    MBUF_S *largest = NewPacket();
+    (void)HandRecord(largest, RecordLen(19), 19);
+    EXPECT_EQ(Stamp(largest, kCompA), 0) << "capacity 19 is still taken";
     std::uint32_t comp = 0;
     KRM_SYSTIME_S time = Zero();
     const BEX_CPUTICK_S tick{1, 0};
     MBUF_S *none = NewPacket();
-    EXPECT_EQ(Stamp(nullptr, kCompA), -1);
-    EXPECT_EQ(Stamp(&m_stPlain, kCompA), -1);
-    EXPECT_EQ(MBUF_SetStackDebugInfoSelf_fl(none, kCompA, nullptr, &tick, kModule, "c", 1), -1);
-    EXPECT_EQ(MBUF_SetStackDebugInfoSelf_fl(none, kCompA, &time, nullptr, kModule, "c", 1), -1);
+    EXPECT_EQ((Seq{Stamp(nullptr, kCompA), Stamp(&m_stPlain, kCompA),
+                   MBUF_SetStackDebugInfoSelf_fl(none, kCompA, nullptr, &tick, kModule, "c", 1),
+                   MBUF_SetStackDebugInfoSelf_fl(none, kCompA, &time, nullptr, kModule, "c", 1),
+                   MBUF_GetStackDebugInfoFirstTime(none, &comp, &time)}),
+              (Seq{-1, -1, -1, -1, 2}));
     EXPECT_EQ(Sd(none), nullptr);
-    EXPECT_EQ(MBUF_GetStackDebugInfoFirstTime(none, &comp, &time), 2);
 }
 
 // A record created shorter than its head is used as laid out here, its head
@@ -260,19 +259,21 @@ TEST_F(StackDebugTest, ShortRecordIsUsedInsideTheBlockAndRefusedAtItsEdge) {
     KRM_SYSTIME_S time = Zero();
     MBUF_STACKDEBUG_ENTRY_S *entries = nullptr;
     std::uint8_t current = 99;
+    const auto readAndSet = [&](MBUF_S *p) {
+        return Seq{MBUF_SetStackDebugCtl_fl(p, &ctl, kModule, "c", 1),
+                   MBUF_GetStackDebugInfoFirstTime(p, &comp, &time),
+                   MBUF_GetStackDebugAppTime(p, &entries, &current)};
+    };
 
     MBUF_S *m = NewPacket();
     std::uint8_t *rec = HandRecord(m, 8, 1);
     std::memset(rec + 8, 0, RecordLen(1) - 8);
     StampAt(m, kCompA, Time(2024, 3, 5, 10, 20, 30, 123), 1000);
     StampAt(m, kCompA, Time(2024, 3, 5, 10, 20, 31, 623), 1500);
-    EXPECT_EQ(MBUF_SetStackDebugCtl_fl(m, &ctl, kModule, "c", 1), 0);
-    EXPECT_EQ(Bytes(rec + 8, rec + kHeadLen),
-              Cat({{1, 2}, U16(3), U32(4), U32(5), U32(6), U16(7), U16(8)}));
-    EXPECT_EQ(Load32At(rec, kHeadLen), kCompA);
-    EXPECT_EQ(MBUF_GetStackDebugInfoFirstTime(m, &comp, &time), 0);
+    EXPECT_EQ(readAndSet(m), (Seq{0, 0, 0}));
+    EXPECT_EQ(Bytes(rec + 8, rec + kHeadLen + 4),
+              Cat({{1, 2}, U16(3), U32(4), U32(5), U32(6), U16(7), U16(8), U32(kCompA)}));
     EXPECT_EQ(TimeBytes(time), TimeBytes(Time(2024, 3, 5, 10, 20, 31, 623)));
-    ASSERT_EQ(MBUF_GetStackDebugAppTime(m, &entries, &current), 0);
     EXPECT_EQ(static_cast<void *>(entries), rec + kHeadLen);
     EXPECT_EQ(Print(m),
               "[SOCK  0x  650001]: 2024-03-05 18:20:30.123+08:00 ~ 2024-03-05 "
@@ -283,12 +284,10 @@ TEST_F(StackDebugTest, ShortRecordIsUsedInsideTheBlockAndRefusedAtItsEdge) {
 
     MBUF_S *edge = NewPacket();
     (void)AddRecord(edge, MBUF_CTL_APP, MBUF_CTL_INIT_CAPACITY - 8);
-    rec = HandRecord(edge, 8, 1);
+    (void)HandRecord(edge, 8, 1);
     const Bytes before = BlockBytes(edge);
     EXPECT_EQ(Stamp(edge, kCompA), -1);
-    EXPECT_EQ(MBUF_SetStackDebugCtl_fl(edge, &ctl, kModule, "c", 1), -1);
-    EXPECT_EQ(MBUF_GetStackDebugInfoFirstTime(edge, &comp, &time), 3);
-    EXPECT_EQ(MBUF_GetStackDebugAppTime(edge, &entries, &current), -1);
+    EXPECT_EQ(readAndSet(edge), (Seq{-1, 3, -1}));
     EXPECT_EQ(Print(edge), "");
     EXPECT_EQ(BlockBytes(edge), before);
     // The copy would read the source's entry outside its block: a failing
@@ -314,6 +313,7 @@ TEST_F(StackDebugTest, RebuildRefusesTooFewOrFewerEntries) {
     EXPECT_EQ(MBUF_DelOldAddNewAppTime_fl(m, nullptr, 6, kModule, "c", 1), nullptr);
     EXPECT_EQ(MBUF_DelOldAddNewAppTime_fl(m, rec, 256, kModule, "c", 1), nullptr);
     EXPECT_EQ(Sd(m), rec);
+    EXPECT_NE(MBUF_DelOldAddNewAppTime_fl(m, rec, 255, kModule, "c", 1), nullptr);
 }
 
 // A record of an older layout (shorter head, smaller entries) is laid out
@@ -412,15 +412,21 @@ TEST_F(StackDebugTest, RebuildReadsNoFurtherThanTheBlock) {
 // record's growth; ForApp stamps first and keeps the stamp when the control
 // part fails.
 TEST_F(StackDebugTest, ControlFieldsAreStoredAndKept) {
+    const auto setCtl = [](MBUF_S *p, const MBUF_STACKDEBUG_CTL_S *ctl) {
+        return MBUF_SetStackDebugCtl_fl(p, ctl, kModule, "c", 1);
+    };
+    const auto forApp = [](MBUF_S *p, std::uint32_t comp, const MBUF_STACKDEBUG_CTL_S *ctl) {
+        return MBUF_SetStackDebugForApp_fl(p, comp, ctl, kModule, "c", 2);
+    };
     MBUF_S *m = NewPacket();
     const MBUF_STACKDEBUG_CTL_S first{0x01,       0xA1,       0xB2C3, 0x11111111,
                                       0x22222222, 0x33333333, 0x4444, 0x5555};
-    ASSERT_EQ(MBUF_SetStackDebugCtl_fl(m, &first, kModule, "c", 1), 0);
+    ASSERT_EQ(setCtl(m, &first), 0);
     std::uint8_t *rec = Sd(m);
     ASSERT_NE(rec, nullptr);
     EXPECT_EQ(rec[4], 6u) << "created with six entries";
     const MBUF_STACKDEBUG_CTL_S second{0x10, 0x02, 0x0304, 5, 6, 7, 8, 9};
-    ASSERT_EQ(MBUF_SetStackDebugCtl_fl(m, &second, kModule, "c", 2), 0);
+    ASSERT_EQ(setCtl(m, &second), 0);
     EXPECT_EQ(Sd(m), rec);
     const Bytes head = Cat({{0x11, 0x02}, U16(0x0304), U32(5), U32(6), U32(7), U16(8), U16(9)});
     EXPECT_EQ(Bytes(rec + 8, rec + kHeadLen), head);
@@ -431,19 +437,15 @@ TEST_F(StackDebugTest, ControlFieldsAreStoredAndKept) {
     EXPECT_EQ(rec[4], 12u);
     EXPECT_EQ(Bytes(rec + 8, rec + kHeadLen), head);
     ExpectValid(m);
-    EXPECT_EQ(MBUF_SetStackDebugCtl_fl(m, nullptr, kModule, "c", 3), -1);
-    EXPECT_EQ(MBUF_SetStackDebugCtl_fl(nullptr, &first, kModule, "c", 3), -1);
-    EXPECT_EQ(MBUF_SetStackDebugCtl_fl(&m_stPlain, &first, kModule, "c", 3), -1);
 
     MBUF_S *app = NewPacket();
-    ASSERT_EQ(MBUF_SetStackDebugForApp_fl(app, kCompA, &first, kModule, "c", 1), 0);
-    EXPECT_EQ(Load32At(Sd(app), kHeadLen), kCompA);
-    EXPECT_EQ(Load32At(Sd(app), 20), 0x33333333u);
     MBUF_S *noCtl = NewPacket();
-    EXPECT_EQ(MBUF_SetStackDebugForApp_fl(noCtl, kCompB, nullptr, kModule, "c", 2), -1);
+    EXPECT_EQ((Seq{setCtl(m, nullptr), setCtl(nullptr, &first), setCtl(&m_stPlain, &first),
+                   forApp(app, kCompA, &first), Load32At(Sd(app), kHeadLen), Load32At(Sd(app), 20),
+                   forApp(noCtl, kCompB, nullptr), forApp(&m_stPlain, kCompA, &first)}),
+              (Seq{-1, -1, -1, 0, kCompA, 0x33333333, -1, -1}));
     ASSERT_NE(Sd(noCtl), nullptr);
     EXPECT_EQ(Load32At(Sd(noCtl), kHeadLen), kCompB);
-    EXPECT_EQ(MBUF_SetStackDebugForApp_fl(&m_stPlain, kCompA, &first, kModule, "c", 3), -1);
 }
 
 // ---- readers and the copier ---------------------------------------------------------------
@@ -456,53 +458,46 @@ TEST_F(StackDebugTest, ReadersAndCopierSeeTheRecordAsStamped) {
     KRM_SYSTIME_S time = Zero();
     MBUF_STACKDEBUG_ENTRY_S *entries = nullptr;
     std::uint8_t current = 99;
-    constexpr std::uint32_t kFail = 0xFFFFFFFFu;
+    constexpr std::int64_t kFail = 0xFFFFFFFFu;
+    const auto first = [&](MBUF_S *p) { return MBUF_GetStackDebugInfoFirstTime(p, &comp, &time); };
+    const auto app = [&](MBUF_S *p) { return MBUF_GetStackDebugAppTime(p, &entries, &current); };
+    const auto copy = [](MBUF_S *p, MBUF_S *to) { return MBUF_CopyStackDebugInfo(p, to, kModule); };
     MBUF_S *m = NewPacket();
     MBUF_S *dst = NewPacket();
-    EXPECT_EQ(MBUF_GetStackDebugInfoFirstTime(m, &comp, &time), 2);
-    EXPECT_EQ(MBUF_GetStackDebugAppTime(m, &entries, &current), -1);
-    EXPECT_EQ(MBUF_CopyStackDebugInfo(m, dst, kModule), kFail);
-    ASSERT_EQ(Stamp(m, kCompA), 0);
-    EXPECT_EQ(MBUF_GetStackDebugInfoFirstTime(m, &comp, &time), 0);
-    EXPECT_EQ(comp, kCompA);
+    EXPECT_EQ((Seq{first(m), app(m), copy(m, dst), Stamp(m, kCompA), first(m), comp}),
+              (Seq{2, -1, kFail, 0, 0, kCompA}));
     EXPECT_EQ(TimeBytes(time), TimeBytes(Now())) << "the first stamp while it is the only one";
     Advance(2000000);
     for (std::uint32_t c : {kCompA, kCompB, kCompA, kCompB, kCompA, kCompB, kCompA, kCompB}) {
         ASSERT_EQ(Stamp(m, c), 0);
     }
-    EXPECT_EQ(MBUF_GetStackDebugInfoFirstTime(m, &comp, &time), 0);
-    EXPECT_EQ(comp, kCompA);
+    EXPECT_EQ((Seq{first(m), comp}), (Seq{0, kCompA}));
     EXPECT_EQ(TimeBytes(time), TimeBytes(Now()));
-    ASSERT_EQ(MBUF_GetStackDebugAppTime(m, &entries, &current), 0);
+    ASSERT_EQ(app(m), 0);
     EXPECT_EQ(static_cast<void *>(entries), Sd(m) + kHeadLen);
-    EXPECT_EQ(current, 7);
-    EXPECT_EQ(entries[7].ulCompId, kCompB);
-    ASSERT_EQ(MBUF_CopyStackDebugInfo(m, dst, kModule), 0u);
+    EXPECT_EQ((Seq{current, entries[7].ulCompId}), (Seq{7, kCompB}));
+    ASSERT_EQ(copy(m, dst), 0u);
     ASSERT_NE(Sd(dst), nullptr);
     EXPECT_EQ(Bytes(Sd(dst), Sd(dst) + RecordLen(12)), Bytes(Sd(m), Sd(m) + RecordLen(12)));
     ExpectValid(dst);
-    EXPECT_EQ(MBUF_CopyStackDebugInfo(m, dst, kModule), kFail) << "the destination has one";
+    EXPECT_EQ(copy(m, dst), kFail) << "the destination has one";
 
     MBUF_S *third = NewPacket();
     Sd(m)[5] = 13;
-    EXPECT_EQ(MBUF_GetStackDebugInfoFirstTime(m, &comp, &time), 3);
-    EXPECT_EQ(MBUF_GetStackDebugAppTime(m, &entries, &current), -1);
-    EXPECT_EQ(MBUF_CopyStackDebugInfo(m, third, kModule), kFail);
+    EXPECT_EQ((Seq{first(m), app(m), copy(m, third)}), (Seq{3, -1, kFail}));
     EXPECT_EQ(Sd(third), nullptr);
     Sd(m)[5] = 12;  // equal to the capacity still reads
-    EXPECT_EQ(MBUF_GetStackDebugInfoFirstTime(m, &comp, &time), 0);
+    EXPECT_EQ(first(m), 0);
     std::memset(Sd(m) + kHeadLen + 8, 0, 24);  // both stamps unset
-    EXPECT_EQ(MBUF_GetStackDebugInfoFirstTime(m, &comp, &time), 4);
-
-    EXPECT_EQ(MBUF_GetStackDebugInfoFirstTime(nullptr, &comp, &time), 1);
-    EXPECT_EQ(MBUF_GetStackDebugInfoFirstTime(m, nullptr, &time), 1);
-    EXPECT_EQ(MBUF_GetStackDebugInfoFirstTime(m, &comp, nullptr), 1);
-    EXPECT_EQ(MBUF_GetStackDebugAppTime(nullptr, &entries, &current), -1);
-    EXPECT_EQ(MBUF_GetStackDebugAppTime(m, nullptr, &current), -1);
-    EXPECT_EQ(MBUF_GetStackDebugAppTime(m, &entries, nullptr), -1);
-    EXPECT_EQ(MBUF_CopyStackDebugInfo(nullptr, third, kModule), kFail);
-    EXPECT_EQ(MBUF_CopyStackDebugInfo(dst, nullptr, kModule), kFail);
-    EXPECT_EQ(MBUF_CopyStackDebugInfo(dst, &m_stPlain, kModule), kFail);
+    EXPECT_EQ(first(m), 4);
+    EXPECT_EQ((Seq{MBUF_GetStackDebugInfoFirstTime(nullptr, &comp, &time),
+                   MBUF_GetStackDebugInfoFirstTime(m, nullptr, &time),
+                   MBUF_GetStackDebugInfoFirstTime(m, &comp, nullptr),
+                   MBUF_GetStackDebugAppTime(nullptr, &entries, &current),
+                   MBUF_GetStackDebugAppTime(m, nullptr, &current),
+                   MBUF_GetStackDebugAppTime(m, &entries, nullptr), copy(nullptr, third),
+                   copy(dst, nullptr), copy(dst, &m_stPlain)}),
+              (Seq{1, 1, 1, -1, -1, -1, kFail, kFail, kFail}));
 }
 
 // ---- the time-stamp record ----------------------------------------------------------------
@@ -584,74 +579,53 @@ TEST_F(StackDebugTest, LinesAreExactAndEndAtTheLastOneThatFits) {
     EXPECT_STREQ(text, "");
 }
 
+// Each row stamps its components in turn under a zone. A stamp whose time
+// of day is zero (exactly midnight, universal) is not converted: its column
+// shows the previous entry's converted time and zone, or zero and no zone in
+// the first entry.
 TEST_F(StackDebugTest, ZoneTextFollowsThePlatformConversion) {
     struct Case {
         const char *name;
         std::int32_t zone;
-        std::uint32_t comp;
-        KRM_SYSTIME_S time;
-        std::string line;
+        std::vector<std::pair<std::uint32_t, KRM_SYSTIME_S>> stamps;
+        std::string text;
     };
+    // A line without a last stamp; the 5th of March unless the date is given.
+    const auto line = [](const char *id, const std::string &first) {
+        return "[" + std::string(id) + "]: " + (first[4] == '-' ? "" : "2024-03-05 ") + first +
+               kNoLast;
+    };
+    const char *sock = "SOCK  0x  650001";
+    const KRM_SYSTIME_S t1020 = Time(2024, 3, 5, 10, 20, 30, 123);
+    const KRM_SYSTIME_S t1000 = Time(2024, 3, 5, 10, 0, 0, 1);
+    const KRM_SYSTIME_S t0 = Time(2024, 3, 6, 0, 0, 0, 0);
     const Case cases[] = {
-        {"universal time has no zone text", 0, kCompA, Time(2024, 3, 5, 10, 20, 30, 123),
-         "[SOCK  0x  650001]: 2024-03-05 10:20:30.123" + kNoLast},
-        {"negative zone", -19800, kCompA, Time(2024, 3, 5, 10, 20, 30, 123),
-         "[SOCK  0x  650001]: 2024-03-05 04:50:30.123-05:30" + kNoLast},
-        // The zone text compares only days of month: at a month's end it is
-        // printed the wrong way round, as the tools reading it expect.
-        {"ahead across the month end", 19800, kCompB, Time(2024, 1, 31, 20, 0, 0, 500),
-         "[ARP   0x  770002]: 2024-02-01 01:30:00.500-18:30" + kNoLast},
-        {"unknown component", 3600, 0x00FF0001, Time(2024, 3, 5, 10, 0, 0, 1),
-         "[OTHERS 0x  FF0001]: 2024-03-05 11:00:00.001+01:00" + kNoLast},
-        {"full-width id", 3600, 0x12650034, Time(2024, 3, 5, 10, 0, 0, 1),
-         "[SOCK  0x12650034]: 2024-03-05 11:00:00.001+01:00" + kNoLast},
+        {"universal: no zone text", 0, {{kCompA, t1020}}, line(sock, "10:20:30.123")},
+        {"negative", -19800, {{kCompA, t1020}}, line(sock, "04:50:30.123-05:30")},
+        {"unknown", 3600, {{0x00FF0001, t1000}}, line("OTHERS 0x  FF0001", "11:00:00.001+01:00")},
+        {"full id", 3600, {{0x12650034, t1000}}, line("SOCK  0x12650034", "11:00:00.001+01:00")},
+        {"midnight",
+         8 * 3600,
+         {{kCompA, t1020}, {kCompB, t0}, {kCompA, Time(2024, 3, 6, 0, 0, 0, 1)}},
+         line(sock, "18:20:30.123+08:00") + line("ARP   0x  770002", "18:20:30.123+08:00") +
+             line(sock, "2024-03-06 08:00:00.001+08:00")},
+        {"midnight first", 8 * 3600, {{kCompA, t0}}, line(sock, "0000-00-00 00:00:00.000")},
     };
     for (const Case &c : cases) {
-        SCOPED_TRACE(c.name);
         KRM_HOST_SetTimeZone(c.zone);
         MBUF_S *m = NewPacket();
-        StampAt(m, c.comp, c.time, 42);
-        EXPECT_EQ(Print(m), c.line);
+        std::uint32_t tick = 0;
+        for (const auto &[comp, time] : c.stamps) {
+            StampAt(m, comp, time, tick += 100);
+        }
+        EXPECT_EQ(Print(m), c.text) << c.name;
     }
 }
 
-// A stamp whose time of day is zero (exactly midnight, universal) is not
-// converted: the column shows the previous entry's converted time and zone,
-// or zero and no zone in the first entry.
-TEST_F(StackDebugTest, MidnightStampRepeatsThePreviousColumn) {
-    MBUF_S *m = NewPacket();
-    StampAt(m, kCompA, Time(2024, 3, 5, 10, 20, 30, 123), 100);
-    StampAt(m, kCompB, Time(2024, 3, 6, 0, 0, 0, 0), 200);
-    StampAt(m, kCompA, Time(2024, 3, 6, 0, 0, 0, 1), 300);
-    EXPECT_EQ(Print(m), "[SOCK  0x  650001]: 2024-03-05 18:20:30.123+08:00" + kNoLast +
-                            "[ARP   0x  770002]: 2024-03-05 18:20:30.123+08:00" + kNoLast +
-                            "[SOCK  0x  650001]: 2024-03-06 08:00:00.001+08:00" + kNoLast);
-    MBUF_S *first = NewPacket();
-    StampAt(first, kCompA, Time(2024, 3, 6, 0, 0, 0, 0), 100);
-    EXPECT_EQ(Print(first), "[SOCK  0x  650001]: 0000-00-00 00:00:00.000" + kNoLast);
-}
-
-TEST_F(StackDebugTest, PrintsUpToTheCurrentEntryOnly) {
-    MBUF_S *m = NewPacket();
-    std::string text;
-    for (std::uint32_t i = 0; i < 7; ++i) {
-        StampAt(m, kCompA + (i << 16), Time(2024, 3, 5, 10, 0, i, 0), i);
-        const std::string line = Print(m).substr(text.size());
-        EXPECT_EQ(line.substr(line.find(':')),
-                  ": 2024-03-05 18:00:0" + std::to_string(i) + ".000+08:00" + kNoLast)
-            << i;
-        text += line;
-    }
-    EXPECT_NE(text.find("[IPAPP 0x  6B0001]: 2024-03-05 18:00:06.000+08:00" + kNoLast),
-              std::string::npos);
-    Rec(m, MBUF_CTL_STACKDEBUG)[5] = 0;
-    EXPECT_EQ(Print(m), "[SOCK  0x  650001]: 2024-03-05 18:00:00.000+08:00" + kNoLast);
-}
-
-// Entries are printed up to the current index even beyond the capacity and
-// the record's slot, as long as they lie inside the block: a record at 184
-// of the inline block has room for four.
-TEST_F(StackDebugTest, PrintsBeyondTheCapacityUpToTheBlocksEdge) {
+// Entries are printed up to the current index only, but even beyond the
+// capacity and the record's slot, as long as they lie inside the block: a
+// record at 184 of the inline block has room for four.
+TEST_F(StackDebugTest, PrintsUpToTheCurrentEntryEvenBeyondTheCapacity) {
     MBUF_S *m = NewPacket();
     std::uint8_t *rec = HandRecord(m, RecordLen(1), 1, 3);
     std::memset(rec + kHeadLen, 0, MBUF_CTL_INIT_CAPACITY - kHeadLen);
@@ -663,6 +637,8 @@ TEST_F(StackDebugTest, PrintsBeyondTheCapacityUpToTheBlocksEdge) {
     EXPECT_EQ(Print(m), all);
     rec[5] = 200;
     EXPECT_EQ(Print(m), all);
+    rec[5] = 0;
+    EXPECT_EQ(Print(m), "[SOCK  0x  650001]: 0000-00-00 00:00:00.000" + kNoLast);
 }
 
 TEST_F(StackDebugTest, DumpShowsFlagWordsAndOneLinePerEntry) {
