@@ -85,7 +85,7 @@ inline bool TryFreeFast(void *p, BufKind kind) {
         return false;
     }
     const std::uint32_t cls = static_cast<std::uint32_t>(entry & kSlabMask) - 1;
-    if ((addr & ((512u << cls) - 1)) != kHeaderSize) {
+    if ((addr & ((512u << cls) - 1)) != kDataOffset) {
         return false;
     }
     BufHeader *h = HeaderOf(p);
@@ -98,7 +98,7 @@ inline bool TryFreeFast(void *p, BufKind kind) {
         return false;
     }
     WriteState(h, kStateFree);
-    Poison(p, kClassStride[cls] - kHeaderSize);
+    Poison(p, kClassStride[cls] - kDataOffset);
     tc.slots[cls][n] = p;
     tc.count[cls] = n + 1;
     Bump(tc.frees);
