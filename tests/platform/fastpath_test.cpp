@@ -6,6 +6,7 @@
 
 #include <cstdint>
 #include <cstring>
+#include <thread>
 #include <vector>
 
 #include "host_test.h"
@@ -89,6 +90,26 @@ TEST_F(FastPathTest, FaultsAndAttemptsReachCachedChunks) {
         EXPECT_EQ(KRM_HOST_AllocAttemptCount() - before, 3u);
         EXPECT_EQ(FreeDbuf(first), 0u);
         EXPECT_EQ(FreeDbuf(third), 0u);
+    }
+}
+
+// A release is told apart without the registry only for the slabs this
+// thread took chunks from: a buffer released by another thread, a pointer
+// inside a buffer of such a slab and one in no slab at all are each still
+// judged right.
+TEST_F(FastPathTest, ReleasesBesideTheHintedSlabsAreJudgedRight) {
+    for (const std::uint32_t len : {448u, 936u, 1960u}) {
+        auto *mine = static_cast<unsigned char *>(AllocDbuf(len));
+        void *theirs = AllocDbuf(len);
+        ASSERT_NE(mine, nullptr);
+        std::uint32_t result = 1;
+        std::thread([&] { result = FreeDbuf(theirs); }).join();
+        EXPECT_EQ(result, 0u) << "released by another thread";
+        EXPECT_NE(FreeDbuf(mine + 64), 0u) << "inside a buffer";
+        EXPECT_NE(FreeDbuf(reinterpret_cast<void *>(std::uintptr_t{64})), 0u) << "in no slab";
+        EXPECT_EQ(KRM_HOST_LiveBufferCount(), 1u);
+        EXPECT_EQ(FreeDbuf(mine), 0u);
+        KRM_HOST_ReportClear();
     }
 }
 

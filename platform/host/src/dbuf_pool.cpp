@@ -360,6 +360,7 @@ void *AllocBuffer(BufKind kind, std::uint32_t len, std::uint32_t owner, const ch
         if (p == nullptr) {
             return nullptr;
         }
+        tc.slabHint[cls] = (reinterpret_cast<std::uintptr_t>(p) & ~kSlabMask) | (cls + 1);
         WriteLiveHeader(HeaderOf(p), LiveState(static_cast<std::uint32_t>(kind), cls), len, owner,
                         file, line);
         Unpoison(p, len);
