@@ -6,22 +6,19 @@
 // the first CPU this process may use.
 #include <benchmark/benchmark.h>
 #include <malloc.h>
-#include <rte_eal.h>
 #include <rte_ethdev.h>
 #include <rte_gso.h>
 #include <rte_ip.h>
 #include <rte_mbuf.h>
 #include <rte_tcp.h>
-#include <sched.h>
 
-#include <algorithm>
 #include <cstdio>
-#include <string>
 #include <vector>
 
 #include "krm_host/host.h"
 #include "krm_mbuf/mbuf.h"
 #include "offload_fixtures.h"
+#include "peer_eal.h"
 
 namespace {
 
@@ -196,22 +193,7 @@ void BM_PeerGsoTso64K(benchmark::State &state) {
 }
 
 bool StartEal(const char *pcProg) {
-    cpu_set_t set;
-    CPU_ZERO(&set);
-    int cpu = 0;
-    if (sched_getaffinity(0, sizeof(set), &set) == 0) {
-        while (cpu < CPU_SETSIZE && !CPU_ISSET(cpu, &set)) {
-            ++cpu;
-        }
-    }
-    std::string lcore = std::to_string(cpu);
-    std::vector<std::string> args = {pcProg, "--no-huge", "--no-pci", "-m",
-                                     "512",  "-l",        lcore,      "--log-level=1"};
-    std::vector<char *> argv;
-    for (std::string &a : args) {
-        argv.push_back(a.data());
-    }
-    if (rte_eal_init(static_cast<int>(argv.size()), argv.data()) < 0) {
+    if (!StartPeerEal(pcProg)) {
         return false;
     }
     g_pstBig =
@@ -219,7 +201,8 @@ bool StartEal(const char *pcProg) {
     g_pstDirect =
         rte_pktmbuf_pool_create("krm_direct", 1023, 0, 0, RTE_MBUF_DEFAULT_BUF_SIZE, SOCKET_ID_ANY);
     g_pstIndirect = rte_pktmbuf_pool_create("krm_indirect", 1023, 0, 0, 0, SOCKET_ID_ANY);
-    return g_pstBig != nullptr && g_pstDirect != nullptr && g_pstIndirect != nullptr;
+    return g_pstBig != nullptr && g_pstDirect != nullptr && g_pstIndirect != nullptr &&
+           RegisterBuildPeerBenchmarks();
 }
 
 }  // namespace
@@ -236,9 +219,7 @@ int main(int argc, char **argv) {
     }
     // Other work shares these CPUs, and its noise only ever adds time: the
     // fastest repetition is reported next to the median.
-    const auto fastest = [](const std::vector<double> &v) {
-        return *std::min_element(v.begin(), v.end());
-    };
+    const auto fastest = Fastest;
     for (int len : {1500, 9000, 65536}) {
         benchmark::RegisterBenchmark("Checksum/ours", BM_OursChainChecksum)
             ->Arg(len)

@@ -49,7 +49,7 @@ inline std::uint32_t HeadRoom(MBUF_S *pstMbuf, const std::uint8_t *pucInlineStar
 // A fresh node with flags ulFlag (MBUF_PKTHDR or 0) and the given type, no
 // external buffer. NULL when memory is exhausted.
 MBUF_S *NewTypedNode(std::uint32_t ulFlag, std::uint16_t usType, std::uint32_t ulModuleId,
-                     const MBUF_FILE_LINE_S *pstFl);
+                     const MBUF_FILE_LINE_S *pstFl, BlockInit eBlock = BlockInit::kFresh);
 
 // A fresh plain node of the given type carrying a cluster of ulSize bytes
 // whose reference count is usRefCnt. NULL (nothing left allocated) on failure.

@@ -3,8 +3,8 @@
 namespace krm::chain {
 
 MBUF_S *NewTypedNode(std::uint32_t ulFlag, std::uint16_t usType, std::uint32_t ulModuleId,
-                     const MBUF_FILE_LINE_S *pstFl) {
-    MBUF_S *node = NewNode(ulFlag, ulModuleId, pstFl);
+                     const MBUF_FILE_LINE_S *pstFl, BlockInit eBlock) {
+    MBUF_S *node = NewNode(ulFlag, ulModuleId, pstFl, eBlock);
     if (node != nullptr) {
         node->usType = usType;
     }

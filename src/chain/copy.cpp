@@ -234,7 +234,13 @@ MBUF_S *MBUF_CopyMBufHeader_fl(MBUF_S *pstSrc, uint32_t ulModuleId, const char *
         return nullptr;
     }
     const MBUF_FILE_LINE_S fl = krm::FileLine(pcFileName, ulLine);
-    MBUF_S *head = NewTypedNode(MBUF_PKTHDR, pstSrc->usType, ulModuleId, &fl);
+    // A source block that fits the new node's own is copied over its whole
+    // fixed part, so that part is not initialised first.
+    const MBUF_CONTROL_BLK_S *srcBlk = pstSrc->pstCtlInfo;
+    const bool bCopiedOver = srcBlk != nullptr && srcBlk->usCapacity <= MBUF_CTL_INIT_CAPACITY &&
+                             srcBlk->usUsedLen <= MBUF_CTL_INIT_CAPACITY;
+    MBUF_S *head = NewTypedNode(MBUF_PKTHDR, pstSrc->usType, ulModuleId, &fl,
+                                bCopiedOver ? krm::BlockInit::kCopiedOver : krm::BlockInit::kFresh);
     if (head == nullptr) {
         return nullptr;
     }

@@ -11,13 +11,13 @@
 
 namespace krm {
 
-MBUF_S *NewNode(std::uint32_t ulFlag, std::uint32_t ulModuleId, const MBUF_FILE_LINE_S *pstFl) {
+MBUF_S *NewNode(std::uint32_t ulFlag, std::uint32_t ulModuleId, const MBUF_FILE_LINE_S *pstFl,
+                BlockInit eBlock) {
     auto *pstMbuf = static_cast<MBUF_S *>(MBUF_MemAlloc_fl(kNodeSize, ulModuleId, pstFl));
     if (pstMbuf == nullptr) {
         return nullptr;
     }
-    const MBUF_STRUCT_INIT_S stInit{ulFlag, MBUF_TYPE_DATA};
-    (void)MBUF_StructInit(pstMbuf, kNodeSize, &stInit);
+    InitNode(pstMbuf, ulFlag, MBUF_TYPE_DATA, eBlock);
     // The initialiser leaves the external-buffer words alone; a node fresh
     // from the pool must not carry a stale buffer pointer into a release.
     pstMbuf->pucExtBuf = nullptr;

@@ -5,6 +5,7 @@
 #include "core/node.h"
 #include "internal/layout.h"
 #include "krm_mbuf/mbuf.h"
+#include "meta/ctlinfo_block.h"
 
 namespace krm {
 namespace {
@@ -26,7 +27,7 @@ void ClearLinkWords(MBUF_S *pstMbuf) {
     pstMbuf->ulRsv10 = 0;
 }
 
-void InitHeaderBody(MBUF_S *pstMbuf) {
+void InitHeaderBody(MBUF_S *pstMbuf, BlockInit eBlock) {
     pstMbuf->ulPktRsv4 = 0;
     pstMbuf->ulPktRsv = 0;
     pstMbuf->ulTotalDataLen = 0;
@@ -37,10 +38,39 @@ void InitHeaderBody(MBUF_S *pstMbuf) {
     pstMbuf->ulPktRsv3 = 0;
     pstMbuf->pucData = pstMbuf->aucHdrInlineData;
     pstMbuf->pstCtlInfo = &pstMbuf->stCtlInfo.stBlk;
-    (void)MBUF_InitControlInfo(pstMbuf->pstCtlInfo);
+    if (eBlock == BlockInit::kCopiedOver) {
+        // The copy compares capacities before it overwrites the rest.
+        pstMbuf->pstCtlInfo->usCapacity = ctl::kInitCapacity;
+        return;
+    }
+    // The node's own block is never NULL, so its bounded zeroing cannot
+    // fail: the fresh fixed part is copied in whole.
+    ctl::InitFreshBlock(pstMbuf->pstCtlInfo);
 }
 
 }  // namespace
+
+void InitNode(MBUF_S *pstMbuf, std::uint32_t ulFlag, std::uint16_t usType, BlockInit eBlock) {
+    pstMbuf->usType = usType;
+    pstMbuf->ulFlag = ulFlag;
+    pstMbuf->ulRsv0 = 0;
+    pstMbuf->ulRsv1 = 0;
+    pstMbuf->ulRsv2 = 0;
+    pstMbuf->ulDataLen = 0;
+    ClearLinkWords(pstMbuf);
+    pstMbuf->ucByteOrder = MBUF_BYTEORDER_HOST;
+    if ((ulFlag & MBUF_PKTHDR) != 0) {
+        InitHeaderBody(pstMbuf, eBlock);
+    } else {
+        pstMbuf->pucData = pstMbuf->aucInlineData;
+        // A plain node has no block of its own; a clear pointer keeps any
+        // reader from taking leftover bytes for one.
+        pstMbuf->pstCtlInfo = nullptr;
+    }
+    // Written last: a node is live only once everything else is in place.
+    pstMbuf->ucMagic = MBUF_MAGIC_LIVE;
+}
+
 }  // namespace krm
 
 extern "C" {
@@ -54,24 +84,7 @@ MBUF_API uint32_t MBUF_StructInit(MBUF_S *pstMbuf, uint32_t ulSize,
     if (pstInit->usType == MBUF_TYPE_KEEP) {
         return MBUF_OK;
     }
-    pstMbuf->usType = pstInit->usType;
-    pstMbuf->ulFlag = pstInit->ulFlag;
-    pstMbuf->ulRsv0 = 0;
-    pstMbuf->ulRsv1 = 0;
-    pstMbuf->ulRsv2 = 0;
-    pstMbuf->ulDataLen = 0;
-    krm::ClearLinkWords(pstMbuf);
-    pstMbuf->ucByteOrder = MBUF_BYTEORDER_HOST;
-    if ((pstInit->ulFlag & MBUF_PKTHDR) != 0) {
-        krm::InitHeaderBody(pstMbuf);
-    } else {
-        pstMbuf->pucData = pstMbuf->aucInlineData;
-        // A plain node has no block of its own; a clear pointer keeps any
-        // reader from taking leftover bytes for one.
-        pstMbuf->pstCtlInfo = nullptr;
-    }
-    // Written last: a node is live only once everything else is in place.
-    pstMbuf->ucMagic = MBUF_MAGIC_LIVE;
+    krm::InitNode(pstMbuf, pstInit->ulFlag, pstInit->usType, krm::BlockInit::kFresh);
     return MBUF_OK;
 }
 

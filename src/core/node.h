@@ -40,9 +40,18 @@ inline bool HasInlineCtlBlock(const MBUF_S *pstMbuf) {
 
 // ---- allocation --------------------------------------------------------------
 
+// How a header node's own control block starts: fresh, or with only its
+// capacity set, for a caller that at once copies a block over the whole
+// fixed part (a copied packet header).
+enum class BlockInit : bool { kFresh, kCopiedOver };
+
+// What MBUF_StructInit does for an init record other than "keep".
+void InitNode(MBUF_S *pstMbuf, std::uint32_t ulFlag, std::uint16_t usType, BlockInit eBlock);
+
 // A fresh node initialised with ulFlag (MBUF_PKTHDR or 0) and type 1, with
 // no external buffer; NULL when the platform has no memory.
-MBUF_S *NewNode(std::uint32_t ulFlag, std::uint32_t ulModuleId, const MBUF_FILE_LINE_S *pstFl);
+MBUF_S *NewNode(std::uint32_t ulFlag, std::uint32_t ulModuleId, const MBUF_FILE_LINE_S *pstFl,
+                BlockInit eBlock = BlockInit::kFresh);
 
 // Hangs a new external buffer of ulSize bytes from a node that has none and
 // points pucData at it. False (node unchanged) when the allocation fails.

@@ -74,13 +74,9 @@ MBUF_API uint32_t MBUF_InitControlInfo(MBUF_CONTROL_BLK_S *pstCtlBlk) {
     if (pstCtlBlk == nullptr) {
         return static_cast<uint32_t>(iRet);
     }
-    krm::ctl::StampHead(pstCtlBlk);
-    pstCtlBlk->ucRecNum = 0;
-    pstCtlBlk->usUsedLen = 0;
-    pstCtlBlk->usCapacity = krm::ctl::kInitCapacity;
-    std::memset(pstCtlBlk->astSlot, 0, sizeof(pstCtlBlk->astSlot));
-    pstCtlBlk->stComm.ulPathId = 0xFFFFFFFFu;
-    pstCtlBlk->stComm.ulSocketId = 0xFFFFFFFFu;
+    // The bounded zeroing above is what the result reports; the fixed part
+    // then takes its fresh value whole.
+    krm::ctl::InitFreshBlock(pstCtlBlk);
     return static_cast<uint32_t>(iRet);
 }
 

@@ -43,8 +43,13 @@ inline void Poison(const void *, std::size_t) {}
 inline void Unpoison(const void *, std::size_t) {}
 #endif
 
-// 16-byte aligned data behind a 32-byte header on every build.
+// The header is 32 bytes on every build and sits right in front of the data.
+// Data starts 64 bytes into a pool chunk or a system-allocator block, so it
+// begins a cache line (the first 32 bytes of the chunk are unused).
 inline constexpr std::size_t kHeaderSize = 32;
+inline constexpr std::size_t kDataOffset = 64;
+inline constexpr std::size_t kDataAlign = 64;
+static_assert(kDataOffset >= kHeaderSize && kDataOffset % kDataAlign == 0);
 
 // The state word: a live buffer carries the live mark with its kind and size
 // class; a released pool chunk keeps the free mark so that a second release

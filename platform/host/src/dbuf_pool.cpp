@@ -26,6 +26,12 @@ __thread ThreadCache t_cache;
 
 namespace {
 
+// A chunk holds its class's largest request behind the data offset.
+static_assert(kClassMaxLen[0] + kDataOffset <= kClassStride[0] &&
+                  kClassMaxLen[1] + kDataOffset <= kClassStride[1] &&
+                  kClassMaxLen[2] + kDataOffset <= kClassStride[2],
+              "a chunk holds its largest request");
+
 // Chunks moved per trade between a thread's cache and a class's free ring.
 constexpr std::uint32_t kBatch = 32;
 static_assert(kAsan || (kBatch > 0 && kBatch <= kCacheSlots), "a trade must fit the cache");
@@ -104,7 +110,7 @@ struct ClassPool {
         head = 0;
         // Lowest addresses are handed out first.
         for (std::uint32_t i = perSlab; i-- > 0;) {
-            PushBack(slab + static_cast<std::size_t>(i) * stride + kHeaderSize);
+            PushBack(slab + static_cast<std::size_t>(i) * stride + kDataOffset);
         }
         return true;
     }
@@ -253,19 +259,19 @@ LargeBuffers &Large() {
 void *AllocLarge(BufKind kind, std::uint32_t len, std::uint32_t owner, const char *file,
                  std::uint32_t line) {
     void *raw = nullptr;
-    if (::posix_memalign(&raw, 16, kHeaderSize + len) != 0) {
+    if (::posix_memalign(&raw, kDataAlign, kDataOffset + len) != 0) {
         return nullptr;
     }
-    unsigned char *data = static_cast<unsigned char *>(raw) + kHeaderSize;
+    unsigned char *data = static_cast<unsigned char *>(raw) + kDataOffset;
     WriteLiveHeader(HeaderOf(data), LiveState(static_cast<std::uint32_t>(kind), kClassLarge), len,
                     owner, file, line);
-    Poison(raw, kHeaderSize);
+    Poison(raw, kDataOffset);
     LargeBuffers &large = Large();
     try {
         const std::lock_guard<std::mutex> lock(large.lock);
         large.live.insert(reinterpret_cast<std::uintptr_t>(data));
     } catch (...) {
-        Unpoison(raw, kHeaderSize);
+        Unpoison(raw, kDataOffset);
         std::free(raw);
         return nullptr;
     }
@@ -297,8 +303,8 @@ FreeResult FreeLarge(void *p, BufKind kind) {
         }
         large.live.erase(it);
     }
-    unsigned char *raw = static_cast<unsigned char *>(p) - kHeaderSize;
-    Unpoison(raw, kHeaderSize);
+    unsigned char *raw = static_cast<unsigned char *>(p) - kDataOffset;
+    Unpoison(raw, kDataOffset);
     std::free(raw);
     return FreeResult::kOk;
 }
@@ -306,7 +312,7 @@ FreeResult FreeLarge(void *p, BufKind kind) {
 // ---- pool buffers -------------------------------------------------------------------
 
 inline bool OnChunkGrid(const void *p, int cls) {
-    return (reinterpret_cast<std::uintptr_t>(p) & (kClassStride[cls] - 1)) == kHeaderSize;
+    return (reinterpret_cast<std::uintptr_t>(p) & (kClassStride[cls] - 1)) == kDataOffset;
 }
 
 // The header of the live buffer starting at p, of either origin, or nullptr.
@@ -354,6 +360,7 @@ void *AllocBuffer(BufKind kind, std::uint32_t len, std::uint32_t owner, const ch
         if (p == nullptr) {
             return nullptr;
         }
+        tc.slabHint[cls] = (reinterpret_cast<std::uintptr_t>(p) & ~kSlabMask) | (cls + 1);
         WriteLiveHeader(HeaderOf(p), LiveState(static_cast<std::uint32_t>(kind), cls), len, owner,
                         file, line);
         Unpoison(p, len);
@@ -391,7 +398,7 @@ FreeResult FreeBuffer(void *p, BufKind kind) {
         return FreeResult::kWrongKind;
     }
     WriteState(h, kStateFree);
-    Poison(p, kClassStride[cls] - kHeaderSize);
+    Poison(p, kClassStride[cls] - kDataOffset);
     ThreadCache &tc = t_cache;
     std::uint32_t &n = tc.count[cls];
     if (n < tc.limit) {
@@ -452,7 +459,7 @@ std::uint32_t VisitLive(KRM_HOST_VISIT_PF visit, void *arg) {
     ForEachSlab([&](unsigned char *slab, std::uint32_t cls) {
         const std::uint32_t stride = kClassStride[cls];
         for (std::size_t off = 0; off + stride <= kSlabSize; off += stride) {
-            const unsigned char *data = slab + off + kHeaderSize;
+            const unsigned char *data = slab + off + kDataOffset;
             const HeaderView v = ReadHeader(HeaderOf(data));
             if (IsLive(v.state)) {
                 found.push_back(InfoOf(data, v));

@@ -36,6 +36,11 @@ struct ThreadCache {
     std::uint32_t allocs;
     std::uint32_t frees;
     std::uint32_t attempts;
+    // Per class, the slab this thread last took a chunk from, as its
+    // registry entry (base | class + 1; 0 for none). Only registered slabs
+    // ever appear here, so a pointer in one of them may be looked at
+    // without asking the registry.
+    std::uintptr_t slabHint[kClassCount];
     ThreadCache *prev;  // the list of active threads, under the thread lock
     ThreadCache *next;
     void *slots[kClassCount][kCacheSlots > 0 ? kCacheSlots : 1];
@@ -66,6 +71,7 @@ inline void *TryAllocFast(BufKind kind, std::uint32_t len, std::uint32_t owner, 
     }
     void *p = tc.slots[cls][n - 1];
     tc.count[cls] = n - 1;
+    tc.slabHint[cls] = (reinterpret_cast<std::uintptr_t>(p) & ~kSlabMask) | (cls + 1);
     WriteLiveHeader(HeaderOf(p), LiveState(static_cast<std::uint32_t>(kind), cls), len, owner, file,
                     line);
     Unpoison(p, len);
@@ -74,31 +80,44 @@ inline void *TryAllocFast(BufKind kind, std::uint32_t len, std::uint32_t owner, 
     return p;
 }
 
+// The registry entry of the slab at base: from this thread's hints when it
+// is one of them (the common case: a buffer released by the thread that
+// took it), else from the first registry probe; 0 when neither knows it.
+inline std::uintptr_t SlabEntryFast(const ThreadCache &tc, std::uintptr_t base) {
+    for (std::uint32_t cls = 0; cls < kClassCount; ++cls) {
+        if (tc.slabHint[cls] == (base | (cls + 1))) {
+            return tc.slabHint[cls];
+        }
+    }
+    const std::uintptr_t entry = g_slabTable[SlabSlot(base)].load(std::memory_order_acquire);
+    return (entry & ~kSlabMask) == base ? entry : 0;
+}
+
 // Releases p into this thread's cache when it is a live pool buffer of this
-// kind found on the first registry probe and the cache has room; false (and
-// nothing changed) otherwise.
+// kind in a slab the hints or the first registry probe know, and the cache
+// has room; false (and nothing changed) otherwise.
 inline bool TryFreeFast(void *p, BufKind kind) {
     const std::uintptr_t addr = reinterpret_cast<std::uintptr_t>(p);
     const std::uintptr_t base = addr & ~kSlabMask;
-    const std::uintptr_t entry = g_slabTable[SlabSlot(base)].load(std::memory_order_acquire);
-    if (entry == 0 || (entry & ~kSlabMask) != base) {
+    ThreadCache &tc = t_cache;
+    const std::uintptr_t entry = SlabEntryFast(tc, base);
+    if (entry == 0) {
         return false;
     }
     const std::uint32_t cls = static_cast<std::uint32_t>(entry & kSlabMask) - 1;
-    if ((addr & ((512u << cls) - 1)) != kHeaderSize) {
+    if ((addr & ((512u << cls) - 1)) != kDataOffset) {
         return false;
     }
     BufHeader *h = HeaderOf(p);
     if (ReadState(h) != LiveState(static_cast<std::uint32_t>(kind), cls)) {
         return false;
     }
-    ThreadCache &tc = t_cache;
     const std::uint32_t n = tc.count[cls];
     if (n >= tc.limit) {
         return false;
     }
     WriteState(h, kStateFree);
-    Poison(p, kClassStride[cls] - kHeaderSize);
+    Poison(p, kClassStride[cls] - kDataOffset);
     tc.slots[cls][n] = p;
     tc.count[cls] = n + 1;
     Bump(tc.frees);
