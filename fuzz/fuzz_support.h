@@ -32,8 +32,14 @@ class Session {
     std::uint32_t ulLive_;
 };
 
-// MBUF_DBG_Check must pass (a record's sub-TLV list aside: see the .cpp).
-void CheckPacket(const MBUF_S *pstMbuf, const char *pcWhat);
+// The packet must be safe to use: no cycle, not runaway, every external
+// node with a buffer, every node's data inside its storage. A packet the
+// reader created must also have live nodes, its header flag where it
+// belongs and a total length equal to its nodes' sum; a packet rebuilt in
+// place (bInPlace) keeps those as its sender wrote them. Returns whether
+// MBUF_DBG_Check passes in full, control block included: only then must a
+// round trip give the same packet back.
+bool CheckPacket(const MBUF_S *pstMbuf, const char *pcWhat, bool bInPlace = false);
 
 // The data bytes along the chain.
 Bytes Data(const MBUF_S *pstMbuf);
@@ -70,6 +76,16 @@ bool ParsePackage(const std::uint8_t *pucData, std::size_t ulSize,
 // Fresh pipe buffers holding the pieces (the rest of each buffer zero);
 // empty when one could not be had (nothing then stays allocated).
 std::vector<void *> Land(const PiecePacket &vPieces);
+
+// Destroys a received packet. A node the sender flagged MBUF_NOFREE is not
+// the library's to release (nor, on a head, its separate control block):
+// the receiver, who got its buffer from the pipe, releases it here.
+void Release(MBUF_S *pstMbuf);
+
+// An external node's size as the platform knows its buffer: the word a
+// receive leaves as the sender wrote it (read-only) or takes from the next
+// vector entry, set so that the packet check sees the buffer's real room.
+void SettleExtSize(MBUF_S *pstMbuf);
 
 // Releases every address that is still a live buffer start.
 void FreeLive(const std::vector<void *> &vBufs);

@@ -6,6 +6,7 @@
 #include <sys/un.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <cstdio>
 #include <cstring>
 #include <string>
@@ -43,6 +44,9 @@ void Deliver(const std::uint8_t *pucData, std::size_t ulSize) {
     std::size_t ulSent = 0;
     while (ulSent < ulSize) {
         const ssize_t r = ::send(fd, pucData + ulSent, ulSize - ulSent, MSG_NOSIGNAL);
+        if (r < 0 && errno == EINTR) {
+            continue;  // libFuzzer's timer
+        }
         if (r <= 0) {
             break;  // the pipe refused the stream and hung up
         }
@@ -50,7 +54,8 @@ void Deliver(const std::uint8_t *pucData, std::size_t ulSize) {
     }
     (void)::shutdown(fd, SHUT_WR);
     char c;
-    while (::recv(fd, &c, 1, 0) > 0) {
+    ssize_t r = 0;
+    while ((r = ::recv(fd, &c, 1, 0)) > 0 || (r < 0 && errno == EINTR)) {
     }
     (void)::close(fd);
 }
@@ -64,9 +69,9 @@ void RebuildOne(MBUF_TRANS_DESC_S *pstDesc) {
         krm::fuzz::FreeLive(vBufs);
         return;
     }
-    krm::fuzz::CheckPacket(pstPkt, "receive");
+    (void)krm::fuzz::CheckPacket(pstPkt, "receive", true);
     krm::fuzz::FreeLeftOver(vBufs, pstPkt);
-    MBUF_Destroy(pstPkt);
+    krm::fuzz::Release(pstPkt);
 }
 
 }  // namespace

@@ -1,5 +1,6 @@
 // Message reader: any bytes as a message of the message service. A packet
-// read must be sound, and sent again as a message it must arrive equal.
+// read must be sound, and, where it is consistent throughout, sent again as
+// a message it must arrive equal.
 #include "fuzz_support.h"
 #include "krm_host/pipe.h"
 #include "krm_mbuf/platform.h"
@@ -52,8 +53,11 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t *pucData, std::size_t u
     const krm::fuzz::Session session;
     MBUF_S *pstPkt = Receive(pucData, ulSize);
     if (pstPkt != nullptr) {
-        krm::fuzz::CheckPacket(pstPkt, "read");
-        SendAgain(pstPkt);  // the send takes the packet
+        if (krm::fuzz::CheckPacket(pstPkt, "read")) {
+            SendAgain(pstPkt);  // the send takes the packet
+        } else {
+            MBUF_Destroy(pstPkt);
+        }
     }
     return 0;
 }

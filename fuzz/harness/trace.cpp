@@ -36,22 +36,24 @@ std::uint32_t Model(const MBUF_S *pstPkt, const MBUF_TRACE_COND_S &stCond) {
 }
 
 // The model's answer for the packet the pieces rebuild to; 2 when they do
-// not rebuild or were written in the other order.
+// not rebuild to a consistent packet or were written in the other order.
 std::uint32_t Expected(const krm::fuzz::PiecePacket &vPieces, const MBUF_TRACE_COND_S &stCond) {
     std::vector<void *> vBufs = krm::fuzz::Land(vPieces);
     if (vBufs.empty()) {
         return 2;
     }
-    const std::uint8_t ucOrder = static_cast<MBUF_S *>(vBufs[0])->ucByteOrder;
+    constexpr std::size_t kOrderOff = offsetof(MBUF_S, ucByteOrder);
+    const std::uint8_t ucOrder = vPieces[0].ulLen > kOrderOff ? vPieces[0].pucBytes[kOrderOff] : 0;
     MBUF_TRANS_DESC_S stDesc = krm::fuzz::RecvDesc(vBufs);
     MBUF_S *pstPkt = nullptr;
     if (ucOrder != MBUF_BYTEORDER_HOST || MBUF_RcvTrans_fl(&pstPkt, &stDesc, "fuzz", 60) != 0) {
         krm::fuzz::FreeLive(vBufs);
         return 2;
     }
-    const std::uint32_t ulWant = Model(pstPkt, stCond);
+    const std::uint32_t ulWant =
+        krm::fuzz::CheckPacket(pstPkt, "receive", true) ? Model(pstPkt, stCond) : 2;
     krm::fuzz::FreeLeftOver(vBufs, pstPkt);
-    MBUF_Destroy(pstPkt);
+    krm::fuzz::Release(pstPkt);
     return ulWant;
 }
 

@@ -35,7 +35,10 @@ bool NeedsUpgrade(const MBUF_CONTROL_BLK_S *pstCtl) {
            pstCtl->ucSlotNum != kSlotNumCurrent;
 }
 
-// The control block piece: present and at least its fixed part long.
+// The control block piece: present and at least its fixed part long. In a
+// one-piece packet the last piece is the head itself, which cannot be a
+// block apart from its own node: its inline block stands, so that releasing
+// the packet frees the node once.
 std::uint32_t TakeCtlPiece(MBUF_S *pstHead, const PieceList &pieces, std::uint32_t *pulCount) {
     if (*pulCount == 0) {
         Report(kModKrmMbufTrans, 402, "Mbuf Recv: no tag piece");
@@ -43,6 +46,10 @@ std::uint32_t TakeCtlPiece(MBUF_S *pstHead, const PieceList &pieces, std::uint32
     }
     --*pulCount;
     void *pPiece = pieces.At(*pulCount);
+    if (pPiece == pstHead) {
+        pstHead->ulFlag &= ~MBUF_FLAG_CTLINFO_SENT;
+        return MBUF_OK;
+    }
     if (pPiece == nullptr || KRM_DbufLengthGET(pPiece) < kCtlFixedLen) {
         Report(kModKrmMbufTrans, 408, "Mbuf Recv: bad tag piece %u", *pulCount);
         return MBUF_ERR_NULL_MBUF;

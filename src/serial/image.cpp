@@ -4,6 +4,7 @@
 // offsets survive; a block of the other byte order is converted in place in
 // the caller's image, and one written with another slot count is rebuilt in
 // the local layout.
+#include <algorithm>
 #include <cstdint>
 
 #include "core/node.h"
@@ -13,6 +14,7 @@
 #include "internal/report.h"
 #include "krm_mbuf/mbuf.h"
 #include "krm_mbuf/platform.h"
+#include "meta/ctlinfo_block.h"
 #include "serial/ctl_upgrade.h"
 
 namespace krm {
@@ -62,6 +64,17 @@ void ReadHdrWords(MBUF_S *pstMbuf, const std::uint8_t *pucWords, bool bForeign) 
         pstMbuf->*kHdrWords[i] = bForeign ? Swap32(ulWord) : ulWord;
     }
     pstMbuf->ulTotalDataLen = ulHeld;
+}
+
+// The block's fixed part and used area as the image holds them. The used
+// length is the block's own account (a received block may claim more than
+// it holds): what lies past the block's memory is written as zeros, so the
+// image keeps the size MBUF_GetAllBlockSize gave and nothing past the block
+// is read.
+void CopyBlock(std::uint8_t *pucOut, const MBUF_S *pstMbuf, std::uint32_t ulBlkLen) {
+    const std::uint32_t ulInside = std::min(ulBlkLen, ctl::MemLen(pstMbuf));
+    (void)memcpy_s(pucOut, ulBlkLen, pstMbuf->pstCtlInfo, ulInside);
+    (void)memset_s(pucOut + ulInside, ulBlkLen - ulInside, 0, ulBlkLen - ulInside);
 }
 
 // A block of the local layout replaces the packet's, grown to the received
@@ -223,7 +236,7 @@ MBUF_API uint32_t MBUF_Serialize(MBUF_S *pstMbuf, uint8_t *pucBuf) {
                                 pucBuf + krm::kDataLenLen);
     uint8_t *pucOut = pucBuf + krm::kDataLenLen + ulDataLen;
     const uint32_t ulBlkLen = MBUF_CTL_FIXED_LEN + pstBlk->usUsedLen;
-    (void)memcpy_s(pucOut, ulBlkLen, pstBlk, ulBlkLen);
+    krm::CopyBlock(pucOut, pstMbuf, ulBlkLen);
     pucOut += ulBlkLen;
     for (const krm::HdrWord word : krm::kHdrWords) {
         const int iRet = memcpy_s(pucOut, 4, &(pstMbuf->*word), 4);
