@@ -33,7 +33,8 @@ class Session {
 };
 
 // The packet must be safe to use: no cycle, not runaway, every external
-// node with a buffer, every node's data inside its storage. A packet the
+// node with a buffer, every node's data inside its storage (for a packet
+// rebuilt in place: inside the buffer it arrived in). A packet the
 // reader created must also have live nodes, its header flag where it
 // belongs and a total length equal to its nodes' sum; a packet rebuilt in
 // place (bInPlace) keeps those as its sender wrote them. Returns whether

@@ -66,6 +66,14 @@ void ReadHdrWords(MBUF_S *pstMbuf, const std::uint8_t *pucWords, bool bForeign) 
     pstMbuf->ulTotalDataLen = ulHeld;
 }
 
+// The image's size. A received packet keeps the total length its sender
+// wrote: an image of one that would not fit 32 bits cannot be sized by the
+// caller, and is neither sized (0, as for no block) nor written (1013).
+std::uint64_t ImageSize(const MBUF_S *pstMbuf) {
+    return std::uint64_t{pstMbuf->ulTotalDataLen} + pstMbuf->pstCtlInfo->usUsedLen +
+           MBUF_CTL_FIXED_LEN + kDataLenLen + kHdrWordsLen;
+}
+
 // The block's fixed part and used area as the image holds them. The used
 // length is the block's own account (a received block may claim more than
 // it holds): what lies past the block's memory is written as zeros, so the
@@ -217,15 +225,16 @@ MBUF_API uint32_t MBUF_GetAllBlockSize(MBUF_S *pstMbuf) {
         pstMbuf->pstCtlInfo == nullptr) {
         return 0;
     }
-    return pstMbuf->ulTotalDataLen + pstMbuf->pstCtlInfo->usUsedLen + MBUF_CTL_FIXED_LEN +
-           krm::kDataLenLen + krm::kHdrWordsLen;
+    const std::uint64_t ullSize = krm::ImageSize(pstMbuf);
+    return ullSize > UINT32_MAX ? 0 : static_cast<uint32_t>(ullSize);
 }
 
 MBUF_API uint32_t MBUF_Serialize(MBUF_S *pstMbuf, uint8_t *pucBuf) {
     if (pstMbuf == nullptr || (pstMbuf->ulFlag & MBUF_PKTHDR) == 0) {
         return MBUF_ERR_INVALID_MBUF;
     }
-    if (pucBuf == nullptr || pstMbuf->pstCtlInfo == nullptr) {
+    if (pucBuf == nullptr || pstMbuf->pstCtlInfo == nullptr ||
+        krm::ImageSize(pstMbuf) > UINT32_MAX) {
         return MBUF_ERR_NO_DATA;
     }
     MBUF_CONTROL_BLK_S *pstBlk = pstMbuf->pstCtlInfo;
