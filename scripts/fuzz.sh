@@ -6,7 +6,8 @@
 # with fuzz/dict/<name>.dict where there is one. Prints per harness the
 # executions, coverage (cov, ft) and findings (crash/leak/timeout files under
 # build/fuzz/findings/<name>), then "fuzz <name>: passed" or "FAILED".
-# Exits non-zero on any finding.
+# Exits non-zero on any finding. FUZZ_RUNS=n also stops each harness after n
+# executions; FUZZ_NO_BUILD=1 skips the build (for runs started side by side).
 set -uo pipefail
 cd "$(dirname "$0")/.."
 
@@ -24,8 +25,10 @@ export CMAKE_C_COMPILER_LAUNCHER=${CMAKE_C_COMPILER_LAUNCHER:-ccache}
 export CMAKE_CXX_COMPILER_LAUNCHER=${CMAKE_CXX_COMPILER_LAUNCHER:-ccache}
 targets=()
 for h in "${harnesses[@]}"; do targets+=("krm_fuzz_$h"); done
-{ cmake --preset fuzz >/dev/null && cmake --build build/fuzz -j2 --target "${targets[@]}"; } ||
-    { echo "fuzz: build failed"; exit 1; }
+if [[ -z "${FUZZ_NO_BUILD:-}" ]]; then
+    { cmake --preset fuzz >/dev/null && cmake --build build/fuzz -j2 --target "${targets[@]}"; } ||
+        { echo "fuzz: build failed"; exit 1; }
+fi
 
 run_one() {
     local h=$1 work=build/fuzz/corpus/$1 out=build/fuzz/findings/$1 log=build/fuzz/logs/$1.log
@@ -35,7 +38,7 @@ run_one() {
     [[ -f fuzz/dict/$h.dict ]] && dict=(-dict="fuzz/dict/$h.dict")
     ASAN_OPTIONS=detect_leaks=1:abort_on_error=1 UBSAN_OPTIONS=halt_on_error=1:print_stacktrace=1 \
         build/fuzz/fuzz/krm_fuzz_"$h" -max_total_time="$seconds" -max_len="${max_len[$h]:-8192}" \
-        -timeout=10 -rss_limit_mb=2048 -print_final_stats=1 -artifact_prefix="$out/" "${dict[@]}" \
+        ${FUZZ_RUNS:+-runs=$FUZZ_RUNS} -timeout=10 -rss_limit_mb=2048 -print_final_stats=1 -artifact_prefix="$out/" "${dict[@]}" \
         "$work" "fuzz/corpus/$h" >"$log" 2>&1
 }
 
