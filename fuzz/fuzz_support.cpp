@@ -86,12 +86,11 @@ bool CheckPacket(const MBUF_S *pstMbuf, const char *pcWhat, bool bInPlace) {
     // The control block is the sender's account, carried as it came: every
     // access of a record bounds itself by the block's memory. A receive
     // rebuilt in place trusts the sender's later nodes and total length too.
-    // Where in its buffer a node's data lies is the sender's word too, as
-    // long as it stays inside that buffer.
-    const bool bSenders =
-        rc >= MBUF_DBG_ERR_CTL_HEAD ||
-        (bInPlace && (rc == MBUF_DBG_ERR_MAGIC || rc == MBUF_DBG_ERR_PKTHDR ||
-                      rc == MBUF_DBG_ERR_TOTAL_LEN || rc == MBUF_DBG_ERR_DATA_RANGE));
+    // Where in its buffer a node's data lies, and how large an external
+    // buffer the sender sent (even an empty one), is the sender's word too:
+    // only a loop or a runaway chain is the reader's, and data outside the
+    // buffer it arrived in (checked below).
+    const bool bSenders = rc >= MBUF_DBG_ERR_CTL_HEAD || (bInPlace && rc >= MBUF_DBG_ERR_MAGIC);
     if (rc != MBUF_DBG_OK && !bSenders) {
         Fail("%s: packet check %u: %s", pcWhat, rc, acWhy);
     }

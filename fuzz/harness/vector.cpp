@@ -12,11 +12,18 @@
 
 namespace {
 
-// The words the vector form takes from the entries and the sender, set to
-// what the packet really holds, so that the check sees the rest.
-void Settle(MBUF_S *pstPkt) {
+// Checks a rebuilt packet; then sets the words the vector form takes from
+// the entries and the sender to what the packet really holds, so that the
+// second check tells whether the rest is consistent.
+bool CheckSettled(MBUF_S *pstPkt, const char *pcWhat) {
+    (void)krm::fuzz::CheckPacket(pstPkt, pcWhat, true);  // no loop: safe to walk
     krm::fuzz::SettleExtSize(pstPkt);
-    pstPkt->ulTotalDataLen = static_cast<std::uint32_t>(krm::fuzz::Data(pstPkt).size());
+    std::uint32_t ulTotal = 0;
+    for (const MBUF_S *p = pstPkt; p != nullptr; p = p->pstNext) {
+        ulTotal += p->ulDataLen;
+    }
+    pstPkt->ulTotalDataLen = ulTotal;
+    return krm::fuzz::CheckPacket(pstPkt, pcWhat, true);
 }
 
 // The entries copied into fresh buffers the size of the ones they start, as
@@ -55,8 +62,7 @@ void RoundTrip(MBUF_S *pstPkt) {
     if (rc != 0) {
         krm::fuzz::Fail("a vector this host made does not rebuild: %u", rc);
     }
-    Settle(pstBack);
-    (void)krm::fuzz::CheckPacket(pstBack, "rebuilt again", true);
+    (void)CheckSettled(pstBack, "rebuilt again");
     krm::fuzz::ExpectSame(vWant, krm::fuzz::Data(pstBack), "vector round trip");
     std::vector<void *> vBufs;
     for (const MBUF_IOVEC_S &iov : vCopies) {
@@ -87,8 +93,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t *pucData, std::size_t u
         krm::fuzz::FreeLive(vBufs);
         return 0;
     }
-    Settle(pstPkt);
-    const bool bConsistent = krm::fuzz::CheckPacket(pstPkt, "vector rebuild", true);
+    const bool bConsistent = CheckSettled(pstPkt, "vector rebuild");
     krm::fuzz::FreeLeftOver(vBufs, pstPkt);
     if (bConsistent) {
         RoundTrip(pstPkt);
