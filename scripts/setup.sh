@@ -4,7 +4,7 @@ set -euo pipefail
 
 packages=(cmake ninja-build g++ googletest libgtest-dev libgmock-dev libbenchmark-dev
           g++-powerpc-linux-gnu qemu-user clang-format binutils tshark
-          libcli11-dev libpcap-dev dpkg-dev pkg-config)
+          libcli11-dev libpcap-dev dpkg-dev pkg-config clang-14 libclang-rt-14-dev)
 missing=()
 for p in "${packages[@]}"; do
     dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q 'install ok installed' || missing+=("$p")

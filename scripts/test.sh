@@ -58,6 +58,16 @@ for mode in pipe msg; do
         fi
     done
 done
+# Fuzzing: every harness for ten seconds from its seeds, two at a time (the
+# fuzz preset builds first); each harness counts as one test.
+echo "=== fuzz ==="
+harnesses=$(ls fuzz/harness/*.cpp | wc -l)
+fuzz_log=$(mktemp)
+scripts/fuzz.sh 10 2>&1 | tee "$fuzz_log"
+fuzz_passed=$(grep -cE '^fuzz [a-z]+: passed$' "$fuzz_log")
+rm -f "$fuzz_log"
+passed=$((passed + fuzz_passed))
+failed=$((failed + harnesses - fuzz_passed))
 echo "${passed} passed, ${failed} failed"
 (( failed != 0 )) && status=1
 exit $status

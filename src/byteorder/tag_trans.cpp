@@ -208,6 +208,14 @@ MBUF_API int32_t MBUF_CheckTagOffsetLen(void *pTagMsg, uint32_t ulRevLen, uint32
         return -1;
     }
     const auto *tag = static_cast<const std::uint8_t *>(pTagMsg);
+    // The head and the slot are read only inside the message's memory (its
+    // pipe buffer, else the received length): a slot past its end is refused
+    // as a record past it would be, at the slot's place.
+    if (std::uint64_t{bo::SlotOffset(ulType)} + 4u > bo::MessageMemory(tag, ulRevLen)) {
+        krm::Report(krm::kModByteOrderTrans, 269, "%u+%u<%u offset+len<revLen Type %u",
+                    bo::SlotOffset(ulType), 4u, ulRevLen, ulType);
+        return -1;
+    }
     const std::uint32_t base = bo::BaseOffset(bo::ReadHead(tag).slotNum);
     const bo::Slot slot = bo::ReadSlot(tag, ulType);
     if (slot.off < base) {

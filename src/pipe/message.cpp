@@ -17,7 +17,11 @@ inline constexpr std::uint32_t kMsgType = 893;
 // Allocates, lays out and sends the message; the packet is left to the
 // caller.
 std::uint32_t SendImage(std::uint32_t ulModule, std::uint32_t ulDest, MBUF_S *pstMbuf) {
-    const std::uint32_t ulSize = MBUF_GetAllBlockSize(pstMbuf) + kMsgHeadLen;
+    const std::uint32_t ulImage = MBUF_GetAllBlockSize(pstMbuf);
+    if (ulImage > UINT32_MAX - kMsgHeadLen) {
+        return MBUF_ERR_NO_DATA;  // the message could not be sized
+    }
+    const std::uint32_t ulSize = ulImage + kMsgHeadLen;
     auto *pucMsg =
         static_cast<std::uint8_t *>(KRM_MsgAlloc_F(ulModule, ulSize, "krm_mbuf_bas", 2731));
     if (pucMsg == nullptr) {

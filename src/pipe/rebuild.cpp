@@ -35,7 +35,10 @@ bool NeedsUpgrade(const MBUF_CONTROL_BLK_S *pstCtl) {
            pstCtl->ucSlotNum != kSlotNumCurrent;
 }
 
-// The control block piece: present and at least its fixed part long.
+// The control block piece: present and at least its fixed part long. In a
+// one-piece packet the last piece is the head itself, which cannot be a
+// block apart from its own node: its inline block stands, so that releasing
+// the packet frees the node once.
 std::uint32_t TakeCtlPiece(MBUF_S *pstHead, const PieceList &pieces, std::uint32_t *pulCount) {
     if (*pulCount == 0) {
         Report(kModKrmMbufTrans, 402, "Mbuf Recv: no tag piece");
@@ -43,6 +46,10 @@ std::uint32_t TakeCtlPiece(MBUF_S *pstHead, const PieceList &pieces, std::uint32
     }
     --*pulCount;
     void *pPiece = pieces.At(*pulCount);
+    if (pPiece == pstHead) {
+        pstHead->ulFlag &= ~MBUF_FLAG_CTLINFO_SENT;
+        return MBUF_OK;
+    }
     if (pPiece == nullptr || KRM_DbufLengthGET(pPiece) < kCtlFixedLen) {
         Report(kModKrmMbufTrans, 408, "Mbuf Recv: bad tag piece %u", *pulCount);
         return MBUF_ERR_NULL_MBUF;
@@ -119,7 +126,8 @@ std::uint32_t PrepareHead(MBUF_S *pstHead, bool bSameOrder, const RebuildMode &m
 }
 
 std::uint32_t AttachCtlInfo(MBUF_S *pstHead, const PieceList &pieces, std::uint32_t *pulCount,
-                            bool bSameOrder, const RebuildMode &mode) {
+                            bool bSameOrder, const RebuildMode &mode,
+                            MBUF_CONTROL_BLK_S **ppstOld) {
     pstHead->pstCtlInfo = &pstHead->stCtlInfo.stBlk;
     if ((pstHead->ulFlag & MBUF_FLAG_CTLINFO_SENT) != 0) {
         const std::uint32_t rc = TakeCtlPiece(pstHead, pieces, pulCount);
@@ -139,7 +147,12 @@ std::uint32_t AttachCtlInfo(MBUF_S *pstHead, const PieceList &pieces, std::uint3
     }
     // A block that cannot be upgraded stays as it came; the packet is still
     // delivered.
-    (void)MBUF_IssuProcContrlInfo_fl(pstHead, mode.ulMemId, 1, mode.pcFileName, mode.ulLine);
+    MBUF_CONTROL_BLK_S *pstOld = pstHead->pstCtlInfo;
+    (void)MBUF_IssuProcContrlInfo_fl(pstHead, mode.ulMemId, ppstOld == nullptr ? 1 : 0,
+                                     mode.pcFileName, mode.ulLine);
+    if (ppstOld != nullptr && pstHead->pstCtlInfo != pstOld) {
+        *ppstOld = pstOld;
+    }
     return MBUF_OK;
 }
 
@@ -221,6 +234,43 @@ std::uint32_t WalkNodes(MBUF_S *pstHead, const PieceList &pieces, std::uint32_t 
     return MBUF_OK;
 }
 
+namespace {
+
+bool IsPiece(const PieceList &pieces, const void *p) {
+    for (std::uint32_t i = 0; i < pieces.Count(); ++i) {
+        if (pieces.At(i) == p) {
+            return true;
+        }
+    }
+    return false;
+}
+
+void FreeOwn(void *p, const RebuildMode &mode) {
+    const MBUF_FILE_LINE_S stFl{mode.pcFileName, mode.ulLine};
+    (void)MBUF_MemFree_fl(p, &stFl);
+}
+
+// A failed rebuild leaves the pieces with the caller as they came: what it
+// allocated on the way (external buffers for data moved out of a node, an
+// upgraded block) is released again, and the received block is put back.
+void Undo(MBUF_S *pstHead, const PieceList &pieces, MBUF_CONTROL_BLK_S *pstOld,
+          const RebuildMode &mode) {
+    if (pstOld != nullptr) {
+        FreeOwn(pstHead->pstCtlInfo, mode);
+        pstHead->pstCtlInfo = pstOld;
+    }
+    std::uint32_t ulNodes = 0;
+    for (MBUF_S *p = pstHead; p != nullptr && ulNodes < pieces.Count(); p = p->pstNext, ++ulNodes) {
+        if ((p->ulFlag & MBUF_EXT) != 0 && p->pucExtBuf != nullptr &&
+            !IsPiece(pieces, p->pucExtBuf)) {
+            FreeOwn(p->pucExtBuf, mode);
+            p->pucExtBuf = nullptr;
+        }
+    }
+}
+
+}  // namespace
+
 std::uint32_t Rebuild(MBUF_S **ppstMbuf, const PieceList &pieces, const RebuildMode &mode) {
     if (ppstMbuf == nullptr) {
         return MBUF_ERR_BAD_ARG;
@@ -234,15 +284,21 @@ std::uint32_t Rebuild(MBUF_S **ppstMbuf, const PieceList &pieces, const RebuildM
         pstHead != nullptr && InWholeNodeBuffer(pstHead) && IsSameOrder(pstHead);
     bool bAllocated = false;
     std::uint32_t rc = PrepareHead(pstHead, bSameOrder, mode, &bAllocated);
-    std::uint32_t ulCount = pieces.Count();
-    if (rc == MBUF_OK) {
-        rc = AttachCtlInfo(pstHead, pieces, &ulCount, bSameOrder, mode);
+    if (rc != MBUF_OK) {
+        return rc;
     }
+    std::uint32_t ulCount = pieces.Count();
+    MBUF_CONTROL_BLK_S *pstOld = nullptr;
+    rc = AttachCtlInfo(pstHead, pieces, &ulCount, bSameOrder, mode, &pstOld);
     if (rc == MBUF_OK) {
         rc = WalkNodes(pstHead, pieces, ulCount, bAllocated, mode);
     }
     if (rc != MBUF_OK) {
+        Undo(pstHead, pieces, pstOld, mode);
         return rc;
+    }
+    if (pstOld != nullptr && pstOld != &pstHead->stCtlInfo.stBlk) {
+        FreeOwn(pstOld, mode);  // the upgrade's old block, released as it always was
     }
     *ppstMbuf = pstHead;
     return MBUF_OK;

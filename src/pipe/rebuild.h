@@ -78,9 +78,12 @@ std::uint32_t PrepareHead(MBUF_S *pstHead, bool bSameOrder, const RebuildMode &m
                           bool *pbAllocated);
 
 // Re-attaches the control block (the last piece when the head says one
-// travelled, taking it from *pulCount), converts and upgrades it.
+// travelled, taking it from *pulCount), converts and upgrades it. With
+// ppstOld, an upgrade keeps the received block and hands it back, for the
+// caller to release once the whole rebuild has succeeded.
 std::uint32_t AttachCtlInfo(MBUF_S *pstHead, const PieceList &pieces, std::uint32_t *pulCount,
-                            bool bSameOrder, const RebuildMode &mode);
+                            bool bSameOrder, const RebuildMode &mode,
+                            MBUF_CONTROL_BLK_S **ppstOld = nullptr);
 
 // Re-bases a node's data: inline at the node, or in the next piece for an
 // external node (*pulIndex advances). ulRsv2 is cleared.

@@ -4,6 +4,7 @@
 // offsets survive; a block of the other byte order is converted in place in
 // the caller's image, and one written with another slot count is rebuilt in
 // the local layout.
+#include <algorithm>
 #include <cstdint>
 
 #include "core/node.h"
@@ -13,6 +14,7 @@
 #include "internal/report.h"
 #include "krm_mbuf/mbuf.h"
 #include "krm_mbuf/platform.h"
+#include "meta/ctlinfo_block.h"
 #include "serial/ctl_upgrade.h"
 
 namespace krm {
@@ -62,6 +64,25 @@ void ReadHdrWords(MBUF_S *pstMbuf, const std::uint8_t *pucWords, bool bForeign) 
         pstMbuf->*kHdrWords[i] = bForeign ? Swap32(ulWord) : ulWord;
     }
     pstMbuf->ulTotalDataLen = ulHeld;
+}
+
+// The image's size. A received packet keeps the total length its sender
+// wrote: an image of one that would not fit 32 bits cannot be sized by the
+// caller, and is neither sized (0, as for no block) nor written (1013).
+std::uint64_t ImageSize(const MBUF_S *pstMbuf) {
+    return std::uint64_t{pstMbuf->ulTotalDataLen} + pstMbuf->pstCtlInfo->usUsedLen +
+           MBUF_CTL_FIXED_LEN + kDataLenLen + kHdrWordsLen;
+}
+
+// The block's fixed part and used area as the image holds them. The used
+// length is the block's own account (a received block may claim more than
+// it holds): what lies past the block's memory is written as zeros, so the
+// image keeps the size MBUF_GetAllBlockSize gave and nothing past the block
+// is read.
+void CopyBlock(std::uint8_t *pucOut, const MBUF_S *pstMbuf, std::uint32_t ulBlkLen) {
+    const std::uint32_t ulInside = std::min(ulBlkLen, ctl::MemLen(pstMbuf));
+    (void)memcpy_s(pucOut, ulBlkLen, pstMbuf->pstCtlInfo, ulInside);
+    (void)memset_s(pucOut + ulInside, ulBlkLen - ulInside, 0, ulBlkLen - ulInside);
 }
 
 // A block of the local layout replaces the packet's, grown to the received
@@ -204,15 +225,16 @@ MBUF_API uint32_t MBUF_GetAllBlockSize(MBUF_S *pstMbuf) {
         pstMbuf->pstCtlInfo == nullptr) {
         return 0;
     }
-    return pstMbuf->ulTotalDataLen + pstMbuf->pstCtlInfo->usUsedLen + MBUF_CTL_FIXED_LEN +
-           krm::kDataLenLen + krm::kHdrWordsLen;
+    const std::uint64_t ullSize = krm::ImageSize(pstMbuf);
+    return ullSize > UINT32_MAX ? 0 : static_cast<uint32_t>(ullSize);
 }
 
 MBUF_API uint32_t MBUF_Serialize(MBUF_S *pstMbuf, uint8_t *pucBuf) {
     if (pstMbuf == nullptr || (pstMbuf->ulFlag & MBUF_PKTHDR) == 0) {
         return MBUF_ERR_INVALID_MBUF;
     }
-    if (pucBuf == nullptr || pstMbuf->pstCtlInfo == nullptr) {
+    if (pucBuf == nullptr || pstMbuf->pstCtlInfo == nullptr ||
+        krm::ImageSize(pstMbuf) > UINT32_MAX) {
         return MBUF_ERR_NO_DATA;
     }
     MBUF_CONTROL_BLK_S *pstBlk = pstMbuf->pstCtlInfo;
@@ -223,7 +245,7 @@ MBUF_API uint32_t MBUF_Serialize(MBUF_S *pstMbuf, uint8_t *pucBuf) {
                                 pucBuf + krm::kDataLenLen);
     uint8_t *pucOut = pucBuf + krm::kDataLenLen + ulDataLen;
     const uint32_t ulBlkLen = MBUF_CTL_FIXED_LEN + pstBlk->usUsedLen;
-    (void)memcpy_s(pucOut, ulBlkLen, pstBlk, ulBlkLen);
+    krm::CopyBlock(pucOut, pstMbuf, ulBlkLen);
     pucOut += ulBlkLen;
     for (const krm::HdrWord word : krm::kHdrWords) {
         const int iRet = memcpy_s(pucOut, 4, &(pstMbuf->*word), 4);

@@ -79,7 +79,9 @@ std::optional<std::string> Rebuild(const PiecePacket &vPieces, Decoded &stOut,
         }
         NodeView stN;
         const Piece &vNode = vPieces[ulAt++];
-        std::memcpy(stN.auc, vNode.data(), vNode.size() < kNode ? vNode.size() : kNode);
+        if (!vNode.empty()) {  // an empty piece may have no address at all
+            std::memcpy(stN.auc, vNode.data(), vNode.size() < kNode ? vNode.size() : kNode);
+        }
         const std::uint8_t ucOrder = stN.auc[offsetof(MBUF_S, ucByteOrder)];
         if (stN.auc[offsetof(MBUF_S, ucMagic)] != MBUF_MAGIC_LIVE) {
             return Say("pipe package: node %lu magic 0x%02lx, not a live node", stPkt.vNodes.size(),

@@ -99,7 +99,7 @@ void Record(StoredReport &&report) noexcept {
     }
 }
 
-std::string FormatV(const char *fmt, va_list args) {
+__attribute__((format(printf, 1, 0))) std::string FormatV(const char *fmt, va_list args) {
     va_list probe;
     va_copy(probe, args);
     char small[256];
@@ -117,8 +117,10 @@ std::string FormatV(const char *fmt, va_list args) {
     return text;
 }
 
-void RecordText(std::uint32_t kind, const char *file, std::uint32_t line, std::uint32_t arg1,
-                std::uint32_t arg2, const char *fmt, va_list args) noexcept {
+__attribute__((format(printf, 6, 0))) void RecordText(std::uint32_t kind, const char *file,
+                                                      std::uint32_t line, std::uint32_t arg1,
+                                                      std::uint32_t arg2, const char *fmt,
+                                                      va_list args) noexcept {
     try {
         StoredReport report{
             kind, file != nullptr ? file : "", line, arg1, arg2, fmt != nullptr, std::string()};
