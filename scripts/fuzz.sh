@@ -21,8 +21,11 @@ harnesses=("$@")
 declare -A max_len=([tlv]=8192 [image]=8192 [message]=8192 [pipe]=16384 [frame]=16384
                     [vector]=16384 [tag]=4096 [trace]=16384 [inspect]=16384)
 
-export CMAKE_C_COMPILER_LAUNCHER=${CMAKE_C_COMPILER_LAUNCHER:-ccache}
-export CMAKE_CXX_COMPILER_LAUNCHER=${CMAKE_CXX_COMPILER_LAUNCHER:-ccache}
+# A compiler cache, where the machine has one, keeps repeated runs quick.
+if command -v ccache >/dev/null; then
+    export CMAKE_C_COMPILER_LAUNCHER=${CMAKE_C_COMPILER_LAUNCHER:-ccache}
+    export CMAKE_CXX_COMPILER_LAUNCHER=${CMAKE_CXX_COMPILER_LAUNCHER:-ccache}
+fi
 targets=()
 for h in "${harnesses[@]}"; do targets+=("krm_fuzz_$h"); done
 if [[ -z "${FUZZ_NO_BUILD:-}" ]]; then
