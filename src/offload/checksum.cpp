@@ -16,6 +16,7 @@ namespace {
 constexpr std::uint32_t kIpv6HdrLen = 40;
 constexpr std::uint32_t kIpv6SrcOff = 8;
 constexpr std::uint32_t kIpv6AddrLen = 16;
+constexpr std::uint32_t kWideChainFrom = 256;
 
 // The first node that holds byte ulOffset, and the offset inside it; an
 // offset that ends exactly at a node's end starts at the next node, and
@@ -62,6 +63,12 @@ std::uint32_t SumAddress(const std::uint8_t *pucAddr) {
 }  // namespace
 
 ChainSum SumChain(const MBUF_S *pstMbuf, std::uint32_t ulOffset, std::uint32_t ulLen) {
+    // Headers and other short ranges cost less node by node than the wide
+    // walker's setting up and final reduction.
+    ChainSum stWide{};
+    if (ulLen >= kWideChainFrom && SumChainWide(pstMbuf, ulOffset, ulLen, &stWide)) {
+        return stWide;
+    }
     std::uint32_t ulSum = 0;
     const std::uint32_t ulMissing = WalkRange(
         pstMbuf, ulOffset, ulLen, [&](const std::uint8_t *p, std::uint32_t n, std::uint32_t pos) {
@@ -72,6 +79,11 @@ ChainSum SumChain(const MBUF_S *pstMbuf, std::uint32_t ulOffset, std::uint32_t u
 
 bool CopySumChain(const MBUF_S *pstMbuf, std::uint32_t ulOffset, std::uint32_t ulLen,
                   std::uint8_t *pucDst, std::uint32_t *pulSum) {
+    ChainSum stWide{};
+    if (CopySumChainWide(pstMbuf, ulOffset, ulLen, pucDst, &stWide)) {
+        *pulSum = stWide.ulSum;
+        return stWide.ulMissing == 0;
+    }
     std::uint32_t ulSum = 0;
     const std::uint32_t ulMissing = WalkRange(
         pstMbuf, ulOffset, ulLen, [&](const std::uint8_t *p, std::uint32_t n, std::uint32_t pos) {

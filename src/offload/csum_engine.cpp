@@ -3,6 +3,7 @@
 // no carry is ever lost); on a little-endian build the folded result is the
 // byte-swapped big-endian sum, which one swap puts right.
 #include "offload/csum_engine.h"
+#include "offload/offload_internal.h"
 
 #include <cstring>
 
@@ -135,6 +136,12 @@ bool SumBulkWide(const std::uint8_t *, std::size_t, std::uint64_t *, std::size_t
 }
 bool CopySumBulkWide(std::uint8_t *, const std::uint8_t *, std::size_t, std::uint64_t *,
                      std::size_t *) {
+    return false;
+}
+bool SumChainWide(const MBUF_S *, std::uint32_t, std::uint32_t, ChainSum *) {
+    return false;
+}
+bool CopySumChainWide(const MBUF_S *, std::uint32_t, std::uint32_t, std::uint8_t *, ChainSum *) {
     return false;
 }
 #endif

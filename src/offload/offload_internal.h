@@ -26,6 +26,13 @@ ChainSum SumChain(const MBUF_S *pstMbuf, std::uint32_t ulOffset, std::uint32_t u
 bool CopySumChain(const MBUF_S *pstMbuf, std::uint32_t ulOffset, std::uint32_t ulLen,
                   std::uint8_t *pucDst, std::uint32_t *pulSum);
 
+// The same two on the CPU's widest chain walker; false (nothing done) where
+// this machine has none.
+bool SumChainWide(const MBUF_S *pstMbuf, std::uint32_t ulOffset, std::uint32_t ulLen,
+                  ChainSum *pstSum);
+bool CopySumChainWide(const MBUF_S *pstMbuf, std::uint32_t ulOffset, std::uint32_t ulLen,
+                      std::uint8_t *pucDst, ChainSum *pstSum);
+
 // The stored checksum: the complement of the folded sum.
 inline std::uint16_t Complement(std::uint32_t ulFolded) {
     return static_cast<std::uint16_t>(~ulFolded & 0xFFFFu);

@@ -8,6 +8,7 @@
 #include "internal/bytes.h"
 #include "mbuf_check.h"
 #include "offload/csum_engine.h"
+#include "offload/offload_internal.h"
 #include "offload_test.h"
 
 namespace krm::test {
@@ -121,6 +122,22 @@ TEST_F(ChecksumTest, RfcExampleGivesTheSameNumberOnEveryBuild) {
 
 // Every range between interesting offsets of every shared shape, against the
 // model over the flattened bytes, through all four entry points.
+// The copy that sums as it goes (the segmenter's payload path): the range's
+// bytes land in the caller's buffer and nothing beside them is written; a
+// range the chain cannot fill is refused.
+void ExpectCopySum(const MBUF_S *m, std::uint32_t off, std::uint32_t len, const Bytes &want,
+                   std::uint32_t total) {
+    constexpr std::uint32_t kGuard = 70;  // wider than one wide step
+    Bytes dst(total - off + 2 * kGuard, 0x5A);
+    std::uint32_t sum = 0;
+    ASSERT_TRUE(offload::CopySumChain(m, off, len, dst.data() + kGuard, &sum)) << off << "+" << len;
+    EXPECT_EQ(sum, RefSum(want.data(), want.size())) << off << "+" << len;
+    Bytes expect(dst.size(), 0x5A);
+    std::copy(want.begin(), want.end(), expect.begin() + kGuard);
+    ASSERT_EQ(dst, expect) << off << "+" << len;
+    EXPECT_FALSE(offload::CopySumChain(m, off, total - off + 1, dst.data(), &sum));
+}
+
 TEST_F(ChecksumTest, ChainRangesMatchTheFlatModel) {
     for (const ChainShape &shape : StandardShapes()) {
         MBUF_S *m = BuildChain(shape.nodes, 5);
@@ -141,6 +158,7 @@ TEST_F(ChecksumTest, ChainRangesMatchTheFlatModel) {
                 if (off == 0) {
                     ASSERT_EQ(MBUF_CalcCheckSum(m, len), len == 0 ? 0xFFFF : want) << shape.name;
                 }
+                ExpectCopySum(m, off, len, part, total);
                 // Past the end: the calculation sums what there is, the
                 // checked form refuses.
                 const Bytes rest(flat.begin() + off, flat.end());
