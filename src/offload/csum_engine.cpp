@@ -11,6 +11,8 @@ namespace krm::offload {
 namespace {
 
 constexpr std::size_t kWideFrom = 256;
+// Runs shorter than this (headers) take the short loop.
+constexpr std::size_t kShortTo = 128;
 
 inline std::uint32_t LoadNative32(const std::uint8_t *p) {
     std::uint32_t v;
@@ -63,7 +65,47 @@ std::uint32_t SumTail(const std::uint8_t *p, std::size_t ulLen) {
     return ulSum;
 }
 
+// Adds a native word with end-around carry: 2^64 is 1 to a 16-bit
+// one's-complement sum, so a 64-bit accumulator loses nothing.
+inline void AddCarry(std::uint64_t *pullAcc, std::uint64_t ullWord) {
+    *pullAcc += ullWord;
+    *pullAcc += *pullAcc < ullWord ? 1u : 0u;
+}
+
+// A short run (headers): native 64-bit words, then 4, 2 and 1 byte, none
+// read past the run. A last odd byte is the first byte of its native word.
+std::uint32_t SumShort(const std::uint8_t *p, std::size_t ulLen) {
+    std::uint64_t ullAcc = 0;
+    std::size_t i = 0;
+    for (; i + 8 <= ulLen; i += 8) {
+        std::uint64_t w;
+        std::memcpy(&w, p + i, sizeof(w));
+        AddCarry(&ullAcc, w);
+    }
+    if (i + 4 <= ulLen) {
+        AddCarry(&ullAcc, LoadNative32(p + i));
+        i += 4;
+    }
+    if (i + 2 <= ulLen) {
+        std::uint16_t w;
+        std::memcpy(&w, p + i, sizeof(w));
+        AddCarry(&ullAcc, w);
+        i += 2;
+    }
+    if (i < ulLen) {
+#if defined(__BYTE_ORDER__) && __BYTE_ORDER__ == __ORDER_LITTLE_ENDIAN__
+        AddCarry(&ullAcc, p[i]);
+#else
+        AddCarry(&ullAcc, std::uint64_t{p[i]} << 8);
+#endif
+    }
+    return NativeToBe((ullAcc & 0xFFFFFFFFu) + (ullAcc >> 32));
+}
+
 std::uint32_t Sum(const std::uint8_t *pucData, std::size_t ulLen, bool bWide) {
+    if (ulLen < kShortTo) {
+        return SumShort(pucData, ulLen);
+    }
     std::uint64_t ullNative = 0;
     std::size_t ulDone = 0;
     // Headers and other short runs cost less in the portable loop than the

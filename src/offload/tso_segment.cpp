@@ -92,7 +92,13 @@ void AdjustIpv4(MBUF_S *pstSeg, std::uint8_t *pucIp, std::uint32_t ulSegLen, std
     const std::uint32_t ulStep = stCtl.usMss == 0 ? 0 : ulBefore / stCtl.usMss;
     StoreBe16(pucIp + 4, static_cast<std::uint16_t>(LoadBe16(pucIp + 4) + ulStep));
     StoreBe16(pucIp + 10, 0);
-    StoreBe16(pucIp + 10, MBUF_CheckSum_Off(pstSeg, stCtl.usIpOffset, stCtl.usIpHdrLen));
+    // The checked chain sum of the header, read where it lies when the
+    // segment's contiguous bytes hold it (they do for every segment cut here).
+    const std::uint32_t ulIpEnd = std::uint32_t{stCtl.usIpOffset} + stCtl.usIpHdrLen;
+    const bool bHere = (pstSeg->ulFlag & MBUF_PKTHDR) != 0 && ulIpEnd <= ulSegLen &&
+                       ulIpEnd <= pstSeg->ulTotalDataLen;
+    StoreBe16(pucIp + 10, bHere ? Complement(SumBytes(pucIp, stCtl.usIpHdrLen))
+                                : MBUF_CheckSum_Off(pstSeg, stCtl.usIpOffset, stCtl.usIpHdrLen));
 }
 
 std::int32_t CpyData(MBUF_S *pstSrc, const MBUF_TSO_CPY_CTX_S &stCtx, std::uint32_t ulModuleId) {
