@@ -8,7 +8,7 @@ around); it is replaced, the test programs are rebuilt in their own build tree
 failure. A mutant is caught when any test fails, crashes or hangs. The source
 file is restored after every mutant, and on interruption.
 
-Usage: scripts/mutate.py [--list FILE] [--only A-B] [--check] [--keep-going]
+Usage: scripts/mutate.py [--list FILE] [--only A-B] [--check]
 Prints one line per mutant and ends with `caught C of B built (U not built)`.
 Exit code: 0 when every mutant built, 1 otherwise, 2 on a bad list or a red
 baseline.
