@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cstdarg>
+#include <cstddef>
 #include <cstdio>
 #include <cstring>
 #include <ostream>
@@ -260,8 +261,18 @@ Paths RunBothPaths(const Block &block) {
     node->ulFlag = MBUF_PKTHDR;
     node->pstCtlInfo = &node->stCtlInfo.stBlk;
     std::copy(foreign.begin(), foreign.end(), node->stCtlInfo.aucRaw);
+    // The inline block is all the walk may touch of the node, whatever the
+    // block claims: the rest must read the same afterwards.
+    const auto rest = [&node] {
+        Bytes b(reinterpret_cast<const std::uint8_t *>(node.get()),
+                reinterpret_cast<const std::uint8_t *>(node.get() + 1));
+        std::fill_n(b.begin() + offsetof(MBUF_S, stCtlInfo), MBUF_CTLINFO_INLINE_LEN, 0);
+        return b;
+    };
+    const Bytes outside = rest();
     KRM_HOST_ReportClear();
     MBUF_MbufMPktHdrTagByteOrderTrans(node.get());
+    EXPECT_TRUE(SameBytes(outside, rest())) << "wrote outside the inline block";
     out.node = {Bytes(node->stCtlInfo.aucRaw, node->stCtlInfo.aucRaw + MBUF_CTLINFO_INLINE_LEN),
                 ReportsOf(kTrans), ReportsOf(kPktSnd)};
 

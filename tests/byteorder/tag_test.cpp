@@ -198,15 +198,40 @@ TEST_F(TagTest, ShortReceivedLengthStillConvertsRecordsInsideTheBuffer) {
     EXPECT_EQ(KRM_DbufIovecFree_F(1, &iov, "test", 2), 0u);
 }
 
+// The checks of a converted message: its length against the slot array,
+// and a slot against the message's memory. A slot past the memory (here an
+// allocation of exactly the received length) is refused at its own place
+// unread; the zero block has no slot and puts its records at 92.
 TEST_F(TagTest, ChecksOfAConvertedMessage) {
-    Bytes msg = ThreeRecords().Host();
-    EXPECT_EQ(MBUF_CheckTagByteOrderLen(msg.data(), 328), 0);
-    EXPECT_EQ(MBUF_CheckTagByteOrderLen(msg.data(), 183), -1);
-    EXPECT_EQ(MBUF_CheckTagOffsetLen(msg.data(), 328, MBUF_CTL_MPLS), 0);
-    EXPECT_EQ(MBUF_CheckTagOffsetLen(msg.data(), 300, MBUF_CTL_MPLS), -1);
-    EXPECT_EQ(ReportsOf(kTrans),
-              (std::vector<Seen>{{232, "RevLen=183 < 184 23"},
-                                 {269, "208+112<300 offset+len<revLen Type 3"}}));
+    const Bytes three = ThreeRecords().Host();
+    const Bytes zero(100, 0);
+    struct Case {
+        const Bytes *msg;
+        std::uint32_t len;
+        std::int32_t type;  // -1: the length check
+        std::int32_t ret;
+        std::vector<Seen> reports;
+    };
+    const Case cases[] = {
+        {&three, 328, -1, 0, {}},
+        {&three, 183, -1, -1, {{232, "RevLen=183 < 184 23"}}},
+        {&three, 328, MBUF_CTL_MPLS, 0, {}},
+        {&three, 300, MBUF_CTL_MPLS, -1, {{269, "208+112<300 offset+len<revLen Type 3"}}},
+        {&zero, 96, 22, -1, {{269, "180+4<96 offset+len<revLen Type 22"}}},
+        {&zero, 96, 1, -1, {{269, "96+4<96 offset+len<revLen Type 1"}}},
+        {&zero, 96, 0, -1, {{262, "0<92 0 Offset<BasOffSet Type 0"}}},
+        {&zero, 100, 1, -1, {{262, "0<92 0 Offset<BasOffSet Type 1"}}},
+    };
+    for (const Case &c : cases) {
+        SCOPED_TRACE(Fmt("%u bytes, type %d", c.len, c.type));
+        Bytes msg = Head(*c.msg, c.len);
+        KRM_HOST_ReportClear();
+        EXPECT_EQ(c.type < 0 ? MBUF_CheckTagByteOrderLen(msg.data(), c.len)
+                             : MBUF_CheckTagOffsetLen(msg.data(), c.len, std::uint32_t(c.type)),
+                  c.ret);
+        EXPECT_EQ(ReportsOf(kTrans), c.reports);
+        EXPECT_EQ(Reports().size(), c.reports.size());
+    }
 }
 
 }  // namespace
