@@ -6,7 +6,6 @@
 #include <cstdio>
 #include <cstring>
 #include <ostream>
-#include <sstream>
 
 namespace krm::test::bo {
 namespace {
@@ -150,22 +149,18 @@ Bytes Foreign(const Bytes &host, const Fields &fields) {
 }
 
 ::testing::AssertionResult SameBytes(const Bytes &expected, const Bytes &actual) {
-    if (expected.size() != actual.size()) {
-        return ::testing::AssertionFailure()
-               << "sizes " << expected.size() << " and " << actual.size();
-    }
-    std::ostringstream diff;
-    std::size_t count = 0;
-    for (std::size_t i = 0; i < expected.size(); ++i) {
-        if (expected[i] != actual[i] && count++ < 12) {
-            diff << " [" << i << "] want " << unsigned{expected[i]} << " got "
-                 << unsigned{actual[i]};
-        }
-    }
-    if (count == 0) {
+    const auto [e, a] =
+        std::mismatch(expected.begin(), expected.end(), actual.begin(), actual.end());
+    if (e == expected.end() && a == actual.end()) {
         return ::testing::AssertionSuccess();
     }
-    return ::testing::AssertionFailure() << count << " bytes differ:" << diff.str();
+    auto failure = ::testing::AssertionFailure();
+    failure << "sizes " << expected.size() << " and " << actual.size() << ", first difference at "
+            << (e - expected.begin());
+    if (e != expected.end() && a != actual.end()) {
+        failure << ": want " << unsigned{*e} << " got " << unsigned{*a};
+    }
+    return failure;
 }
 
 Img operator+(Img a, const Img &b) {

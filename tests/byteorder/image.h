@@ -56,7 +56,7 @@ std::string Fmt(const char *fmt, ...) __attribute__((format(printf, 1, 2)));
 // image, or when a non-zero field reads the same both ways (the test would
 // not see it converted).
 Bytes Foreign(const Bytes &host, const Fields &fields);
-// Byte-for-byte comparison naming the differing offsets.
+// Byte-for-byte comparison naming the first differing offset.
 ::testing::AssertionResult SameBytes(const Bytes &expected, const Bytes &actual);
 
 // A host image with the fields a foreign sender reversed in it.
