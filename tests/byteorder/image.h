@@ -56,7 +56,7 @@ std::string Fmt(const char *fmt, ...) __attribute__((format(printf, 1, 2)));
 // image, or when a non-zero field reads the same both ways (the test would
 // not see it converted).
 Bytes Foreign(const Bytes &host, const Fields &fields);
-// Byte-for-byte comparison naming the differing offsets.
+// Byte-for-byte comparison naming the first differing offset.
 ::testing::AssertionResult SameBytes(const Bytes &expected, const Bytes &actual);
 
 // A host image with the fields a foreign sender reversed in it.
@@ -116,19 +116,6 @@ inline std::unique_ptr<MBUF_S> NewNode() {
     return std::make_unique<MBUF_S>();
 }
 
-// A foreign block run through both framework paths: the inline block of a
-// packet-header node, and a received tag message of exactly the used bytes;
-// each path's result and the reports of either module.
-struct PathResult {
-    Bytes bytes;
-    std::vector<Seen> trans;
-    std::vector<Seen> pktSnd;
-};
-struct Paths {
-    PathResult node;
-    PathResult msg;
-};
-Paths RunBothPaths(const Block &block);
 // Expects both paths to give back the host image with no report.
 void ExpectFrameworkRestores(const Block &block);
 

@@ -64,17 +64,14 @@ TEST_F(NodeTest, SendingStampsEveryNodeOfEveryPacketAndNothingElse) {
         nodes.push_back(NewNode());
         SetBytes(*nodes.back(), Pattern(MBUF_NODE_SIZE, i));
         nodes.back()->ucByteOrder = 7;
-        if (i % 3 != 0) {
-            nodes[i - 1]->pstNext = nodes[i].get();
-        }
     }
-    nodes[2]->pstNext = nullptr;
-    nodes[5]->pstNext = nullptr;
-    nodes[0]->pstNextPkt = nodes[3].get();
-    nodes[3]->pstNextPkt = nullptr;
     std::vector<Bytes> before;
-    for (const auto &n : nodes) {
-        before.push_back(NodeBytes(*n));
+    for (std::size_t i = 0; i < nodes.size(); ++i) {
+        nodes[i]->pstNext = i % 3 != 2 ? nodes[i + 1].get() : nullptr;
+        if (i % 3 == 0) {  // the others' words are junk: never read
+            nodes[i]->pstNextPkt = i == 0 ? nodes[3].get() : nullptr;
+        }
+        before.push_back(NodeBytes(*nodes[i]));
     }
     MBUF_UpdateMbufListByteOrderType(nodes[0].get());
     for (std::size_t i = 0; i < nodes.size(); ++i) {

@@ -77,7 +77,10 @@ TEST_F(TagTest, NodeWithoutPacketHeaderConvertsHeadAndSlotsButNoRecord) {
 
 // A block elsewhere than the node's inline area is bound by the pipe
 // buffer it was received in; one the platform reports as 0 bytes long (no
-// buffer of its own) has no room, whatever it says of itself.
+// buffer of its own) has no room, whatever it says of itself. A message in
+// a pipe buffer of its own whose received length falls short of its records
+// has every record inside the buffer converted all the same, those at or
+// beyond the received length reported first.
 TEST_F(TagTest, SeparateBlockIsBoundByItsPipeBuffer) {
     const Block block = ThreeRecords();
     const Bytes separate = block.ForeignImage();
@@ -85,40 +88,77 @@ TEST_F(TagTest, SeparateBlockIsBoundByItsPipeBuffer) {
     EXPECT_TRUE(SameBytes(separate, ViaNode(separate, elsewhere.data())));
     EXPECT_EQ(ReportsOf(kTrans), (std::vector<Seen>{{1320, "Blk len 0 < 92"}}));
 
-    auto piece = [&](std::uint32_t len, const Bytes &want, const std::vector<Seen> &reports) {
-        KRM_HOST_ReportClear();
-        MBUF_IOVEC_S iov{nullptr, len, 0};
-        ASSERT_EQ(KRM_DbufIovecAlloc_F(0, 1, &iov, "test", 1), 0u);
-        EXPECT_TRUE(SameBytes(want, ViaNode(Head(separate, len), iov.pBuf))) << len;
-        EXPECT_EQ(ReportsOf(kTrans), reports) << len;
-        EXPECT_EQ(KRM_DbufIovecFree_F(1, &iov, "test", 2), 0u);
+    enum Via { kNode, kMsg, kPlainMsg };  // kPlainMsg: in no buffer of its own
+    struct Case {
+        Via via;
+        std::uint32_t buf, len;  // the buffer's size, the received length
+        Bytes want;              // the buffer afterwards
+        std::vector<Seen> reports;
     };
-    // Two or three bytes of the last record: its word stays as received.
-    for (std::uint32_t len : {322u, 323u}) {
-        piece(len, Head(Foreign(block.Host(), P("w320")), len),
-              {{1310, Fmt("T 9 field 0+4 beyond len %u", len - 320)},
-               {118, FdPro() + " TagT 9 Ret 1"}});
+    const Bytes w320 = Foreign(block.Host(), P("w320"));
+    // Record 2 is converted however short the received length, the walk
+    // stopping after its slot check fails; records 3 and 9 and the slots
+    // behind it stay as received.
+    const Bytes only2 = Foreign(block.Host(), P("w320 h104..182") + At(208, kMpls));
+    const std::string ret9 = FdPro() + " TagT 9 Ret 1";
+    const Case cases[] = {
+        // Two or three bytes of the last record: its word stays as received.
+        {kNode, 322, 322, Head(w320, 322), {{1310, "T 9 field 0+4 beyond len 2"}, {118, ret9}}},
+        {kNode, 323, 323, Head(w320, 323), {{1310, "T 9 field 0+4 beyond len 3"}, {118, ret9}}},
+        {kMsg,
+         323,
+         323,
+         Head(w320, 323),
+         {{239, "RevLen=323 < 184 + 144 264 23"},
+          {1310, "T 9 field 0+4 beyond len 3"},
+          {203, ret9},
+          {269, "320+8<323 offset+len<revLen Type 9"}}},
+        // Too short for the head, or a buffer of no bytes at all: left
+        // alone, and so is such a message.
+        {kNode, 91, 91, Head(separate, 91), {{1320, "Blk len 91 < 92"}}},
+        {kNode, 0, 0, {}, {{1320, "Blk len 0 < 92"}}},
+        {kPlainMsg, 91, 91, Head(separate, 91), {{1320, "Blk len 91 < 92"}}},
+        {kMsg,
+         448,
+         200,
+         only2,
+         {{239, "RevLen=200 < 184 + 144 264 23"}, {269, "184+24<200 offset+len<revLen Type 2"}}},
+        {kMsg,
+         448,
+         184,
+         only2,
+         {{239, "RevLen=184 < 184 + 144 264 23"},
+          {190, "RevLen=184 < 184 type=2"},
+          {269, "184+24<184 offset+len<revLen Type 2"}}},
+        // Shorter than its slot array: reported, and still walked.
+        {kMsg,
+         448,
+         100,
+         only2,
+         {{232, "RevLen=100 < 184 23"},
+          {190, "RevLen=100 < 184 type=2"},
+          {269, "184+24<100 offset+len<revLen Type 2"}}},
+    };
+    for (const Case &c : cases) {
+        SCOPED_TRACE(Fmt("via %d, %u of %u bytes", c.via, c.len, c.buf));
+        KRM_HOST_ReportClear();
+        Bytes got = c.via == kPlainMsg ? ViaMessage(separate, c.len) : Bytes{};
+        MBUF_IOVEC_S iov{nullptr, c.buf, 0};
+        if (c.via != kPlainMsg) {
+            ASSERT_EQ(KRM_DbufIovecAlloc_F(0, 1, &iov, "test", 1), 0u);
+            auto *p = static_cast<std::uint8_t *>(iov.pBuf);
+            if (c.via == kNode) {
+                got = ViaNode(Head(separate, c.buf), p);
+            } else {
+                std::copy_n(separate.begin(), c.buf, p);
+                MBUF_TagByteOrderTrans(p, c.len);
+                got = Bytes(p, p + c.buf);
+            }
+            EXPECT_EQ(KRM_DbufIovecFree_F(1, &iov, "test", 2), 0u);
+        }
+        EXPECT_TRUE(SameBytes(c.want, got));
+        EXPECT_EQ(ReportsOf(kTrans), c.reports);
     }
-    // The same as a message in a buffer of its own, received whole.
-    MBUF_IOVEC_S iov{nullptr, 323, 0};
-    ASSERT_EQ(KRM_DbufIovecAlloc_F(0, 1, &iov, "test", 3), 0u);
-    auto *tag = static_cast<std::uint8_t *>(iov.pBuf);
-    std::copy_n(separate.begin(), 323, tag);
-    KRM_HOST_ReportClear();
-    MBUF_TagByteOrderTrans(tag, 323);
-    EXPECT_TRUE(SameBytes(Head(Foreign(block.Host(), P("w320")), 323), Bytes(tag, tag + 323)));
-    EXPECT_EQ(ReportsOf(kTrans), (std::vector<Seen>{{239, "RevLen=323 < 184 + 144 264 23"},
-                                                    {1310, "T 9 field 0+4 beyond len 3"},
-                                                    {203, FdPro() + " TagT 9 Ret 1"},
-                                                    {269, "320+8<323 offset+len<revLen Type 9"}}));
-    EXPECT_EQ(KRM_DbufIovecFree_F(1, &iov, "test", 4), 0u);
-    // Too short for the head, or a buffer of no bytes at all: left alone,
-    // and so is such a message.
-    piece(91, Head(separate, 91), {{1320, "Blk len 91 < 92"}});
-    piece(0, {}, {{1320, "Blk len 0 < 92"}});
-    KRM_HOST_ReportClear();
-    EXPECT_TRUE(SameBytes(Head(separate, 91), ViaMessage(separate, 91)));
-    EXPECT_EQ(ReportsOf(kTrans), (std::vector<Seen>{{1320, "Blk len 91 < 92"}}));
 }
 
 // A received message of ThreeRecords, with its record count and a slot
@@ -155,58 +195,40 @@ TEST_F(TagTest, MessageWalkStopsAndReportsAsTheMessageSays) {
           {{262, "40<184 24 Offset<BasOffSet Type 2"}});
 }
 
-// A message in a pipe buffer of its own whose received length falls short
-// of its records: every record inside the buffer is converted all the same,
-// those at or beyond the received length reported first.
-TEST_F(TagTest, ShortReceivedLengthStillConvertsRecordsInsideTheBuffer) {
-    const Block block = ThreeRecords();
-    const Bytes foreign = block.ForeignImage();
-    MBUF_IOVEC_S iov{nullptr, MBUF_CTLINFO_INLINE_LEN, 0};
-    ASSERT_EQ(KRM_DbufIovecAlloc_F(0, 1, &iov, "test", 1), 0u);
-    auto *tag = static_cast<std::uint8_t *>(iov.pBuf);
-    const auto convert = [&](std::uint32_t len) {
-        KRM_HOST_ReportClear();
-        std::copy(foreign.begin(), foreign.end(), tag);
-        MBUF_TagByteOrderTrans(tag, len);
-        return Bytes(tag, tag + foreign.size());
-    };
-    // Record 2 is converted however short the received length, the walk
-    // stopping after its slot check fails; records 3 and 9 and the slots
-    // behind it stay as received.
-    const Bytes want = Foreign(block.Host(), P("w320 h104..182") + At(208, kMpls));
+// The checks of a converted message: its length against the slot array,
+// and a slot against the message's memory. A slot past the memory (here an
+// allocation of exactly the received length) is refused at its own place
+// unread; the zero block has no slot and puts its records at 92.
+TEST_F(TagTest, ChecksOfAConvertedMessage) {
+    const Bytes three = ThreeRecords().Host();
+    const Bytes zero(100, 0);
     struct Case {
+        const Bytes *msg;
         std::uint32_t len;
+        std::int32_t type;  // -1: the length check
+        std::int32_t ret;
         std::vector<Seen> reports;
     };
     const Case cases[] = {
-        {200,
-         {{239, "RevLen=200 < 184 + 144 264 23"}, {269, "184+24<200 offset+len<revLen Type 2"}}},
-        {184,
-         {{239, "RevLen=184 < 184 + 144 264 23"},
-          {190, "RevLen=184 < 184 type=2"},
-          {269, "184+24<184 offset+len<revLen Type 2"}}},
-        // Shorter than its slot array: reported, and still walked.
-        {100,
-         {{232, "RevLen=100 < 184 23"},
-          {190, "RevLen=100 < 184 type=2"},
-          {269, "184+24<100 offset+len<revLen Type 2"}}},
+        {&three, 328, -1, 0, {}},
+        {&three, 183, -1, -1, {{232, "RevLen=183 < 184 23"}}},
+        {&three, 328, MBUF_CTL_MPLS, 0, {}},
+        {&three, 300, MBUF_CTL_MPLS, -1, {{269, "208+112<300 offset+len<revLen Type 3"}}},
+        {&zero, 96, 22, -1, {{269, "180+4<96 offset+len<revLen Type 22"}}},
+        {&zero, 96, 1, -1, {{269, "96+4<96 offset+len<revLen Type 1"}}},
+        {&zero, 96, 0, -1, {{262, "0<92 0 Offset<BasOffSet Type 0"}}},
+        {&zero, 100, 1, -1, {{262, "0<92 0 Offset<BasOffSet Type 1"}}},
     };
     for (const Case &c : cases) {
-        EXPECT_TRUE(SameBytes(want, convert(c.len))) << c.len;
-        EXPECT_EQ(ReportsOf(kTrans), c.reports) << c.len;
+        SCOPED_TRACE(Fmt("%u bytes, type %d", c.len, c.type));
+        Bytes msg = Head(*c.msg, c.len);
+        KRM_HOST_ReportClear();
+        EXPECT_EQ(c.type < 0 ? MBUF_CheckTagByteOrderLen(msg.data(), c.len)
+                             : MBUF_CheckTagOffsetLen(msg.data(), c.len, std::uint32_t(c.type)),
+                  c.ret);
+        EXPECT_EQ(ReportsOf(kTrans), c.reports);
+        EXPECT_EQ(Reports().size(), c.reports.size());
     }
-    EXPECT_EQ(KRM_DbufIovecFree_F(1, &iov, "test", 2), 0u);
-}
-
-TEST_F(TagTest, ChecksOfAConvertedMessage) {
-    Bytes msg = ThreeRecords().Host();
-    EXPECT_EQ(MBUF_CheckTagByteOrderLen(msg.data(), 328), 0);
-    EXPECT_EQ(MBUF_CheckTagByteOrderLen(msg.data(), 183), -1);
-    EXPECT_EQ(MBUF_CheckTagOffsetLen(msg.data(), 328, MBUF_CTL_MPLS), 0);
-    EXPECT_EQ(MBUF_CheckTagOffsetLen(msg.data(), 300, MBUF_CTL_MPLS), -1);
-    EXPECT_EQ(ReportsOf(kTrans),
-              (std::vector<Seen>{{232, "RevLen=183 < 184 23"},
-                                 {269, "208+112<300 offset+len<revLen Type 3"}}));
 }
 
 }  // namespace

@@ -8,6 +8,7 @@
 
 #include <cstdint>
 #include <cstring>
+#include <initializer_list>
 #include <string>
 #include <vector>
 
@@ -71,87 +72,73 @@ inline Bytes Image(std::uint32_t len, const std::vector<Field> &fields) {
 
 // ---- field builders ---------------------------------------------------------
 
-inline void Add(std::vector<Field> &f, std::uint8_t width, std::uint16_t off, std::uint32_t v) {
-    f.push_back(Field{off, width, v});
+using Fields = std::vector<Field>;
+inline Fields Join(std::initializer_list<Fields> parts) {
+    Fields out;
+    for (const Fields &p : parts) {
+        out.insert(out.end(), p.begin(), p.end());
+    }
+    return out;
 }
 // Bytes [from, to) each of its own value.
-inline void AddBytes(std::vector<Field> &f, std::uint16_t from, std::uint16_t to,
-                     std::uint32_t seed) {
+inline Fields ByteRun(std::uint16_t from, std::uint16_t to, std::uint32_t seed) {
+    Fields f;
     for (std::uint16_t o = from; o < to; ++o) {
-        Add(f, 1, o, (seed + o * 5u) & 0xFF);
+        f.push_back({o, 1, (seed + o * 5u) & 0xFF});
     }
+    return f;
 }
 // 32-bit words at from, from + 4, ... below to.
-inline void AddWords(std::vector<Field> &f, std::uint16_t from, std::uint16_t to,
-                     std::uint32_t seed) {
+inline Fields WordRun(std::uint16_t from, std::uint16_t to, std::uint32_t seed) {
+    Fields f;
     for (std::uint16_t o = from; o < to; o = static_cast<std::uint16_t>(o + 4)) {
-        Add(f, 4, o, seed * 0x01000193u + o * 0x00010203u + 0x11000000u);
+        f.push_back({o, 4, seed * 0x01000193u + o * 0x00010203u + 0x11000000u});
     }
-}
-
-inline std::vector<Field> CommFields(std::uint32_t seed) {
-    std::vector<Field> f;
-    AddWords(f, 0, 40, seed);
-    Add(f, 2, 40, 0x0800 + seed);
-    Add(f, 2, 42, 2);
-    AddWords(f, 44, 64, seed + 1);
-    Add(f, 2, 64, 6);
-    AddWords(f, 68, 80, seed + 2);
-    // The product protocol type: a receiver re-arranges this word's bytes
-    // unless it is 2 or has a top byte of 0xFF.
-    Add(f, 4, 80, 2);
     return f;
 }
 
+// The product protocol type at 80: a receiver re-arranges this word's bytes
+// unless it is 2 or has a top byte of 0xFF.
+inline Fields CommFields(std::uint32_t seed) {
+    return Join({WordRun(0, 40, seed),
+                 {{40, 2, 0x0800 + seed}, {42, 2, 2}},
+                 WordRun(44, 64, seed + 1),
+                 {{64, 2, 6}},
+                 WordRun(68, 80, seed + 2),
+                 {{80, 4, 2}}});
+}
+
 inline RecordPlan IpRecord() {
-    std::vector<Field> f;
-    AddBytes(f, 0, 14, 0x0A);
-    Add(f, 2, 14, 0x1234);
-    Add(f, 4, 16, 0xC0A80001u);
-    return {MBUF_CTL_IP, 20, f};
+    return {MBUF_CTL_IP, 20, Join({ByteRun(0, 14, 0x0A), {{14, 2, 0x1234}, {16, 4, 0xC0A80001u}}})};
 }
 inline RecordPlan MplsRecord() {
-    std::vector<Field> f;
-    AddWords(f, 0, 92, 3);
-    AddBytes(f, 92, 94, 0x30);
-    Add(f, 2, 94, 0x8847);
-    Add(f, 4, 96, 0x00012345u);
-    AddBytes(f, 100, 104, 0x31);
-    Add(f, 4, 104, 0xFEDCBA98u);
-    return {MBUF_CTL_MPLS, 108, f};
+    return {MBUF_CTL_MPLS, 108,
+            Join({WordRun(0, 92, 3),
+                  ByteRun(92, 94, 0x30),
+                  {{94, 2, 0x8847}, {96, 4, 0x00012345u}},
+                  ByteRun(100, 104, 0x31),
+                  {{104, 4, 0xFEDCBA98u}}})};
 }
 inline RecordPlan Ip6Record() {
-    std::vector<Field> f;
-    AddBytes(f, 0, 38, 0x60);
-    Add(f, 2, 38, 0x86DD);
-    AddWords(f, 40, 52, 8);
-    return {MBUF_CTL_IP6, 52, f};
+    return {MBUF_CTL_IP6, 52, Join({ByteRun(0, 38, 0x60), {{38, 2, 0x86DD}}, WordRun(40, 52, 8)})};
 }
 inline RecordPlan PrevHopRecord() {
     return {MBUF_CTL_PREVHOP, 4, {{0, 4, 0x0A000001u}}};
 }
 inline RecordPlan TimeStampRecord() {
-    std::vector<Field> f;
-    AddWords(f, 0, 40, 11);
-    return {MBUF_CTL_TIMESTAMP, 40, f};
+    return {MBUF_CTL_TIMESTAMP, 40, WordRun(0, 40, 11)};
 }
 inline RecordPlan VlanIdMacRecord() {
-    std::vector<Field> f;
-    Add(f, 2, 0, 100);
-    AddBytes(f, 2, 8, 0xA0);
-    Add(f, 4, 8, 0x00BADBADu);
-    return {MBUF_CTL_VLANIDMAC, 12, f};
+    return {MBUF_CTL_VLANIDMAC, 12,
+            Join({{{0, 2, 100}}, ByteRun(2, 8, 0xA0), {{8, 4, 0x00BADBADu}}})};
 }
 inline RecordPlan L2VpnRecord() {
-    std::vector<Field> f;
-    AddBytes(f, 0, 2, 0x70);
-    Add(f, 2, 2, 0x4321);
-    Add(f, 4, 4, 0x01010101u);
-    Add(f, 4, 8, 0x02020303u);
-    AddBytes(f, 12, 16, 0x71);
-    Add(f, 4, 16, 0x7FFF0001u);
-    AddBytes(f, 20, 24, 0x72);
-    return {MBUF_CTL_L2VPN, 24, f};
+    return {MBUF_CTL_L2VPN, 24,
+            Join({ByteRun(0, 2, 0x70),
+                  {{2, 2, 0x4321}, {4, 4, 0x01010101u}, {8, 4, 0x02020303u}},
+                  ByteRun(12, 16, 0x71),
+                  {{16, 4, 0x7FFF0001u}},
+                  ByteRun(20, 24, 0x72)})};
 }
 
 // A TLV record (1, 20 or 22): head {reserved 0, list length}, then the
@@ -160,68 +147,52 @@ inline RecordPlan L2VpnRecord() {
 struct SubTlv {
     std::uint16_t type;
     std::uint16_t len;
-    std::vector<Field> value;
+    Fields value;
 };
 inline RecordPlan TlvRecord(std::uint32_t type, const std::vector<SubTlv> &subs) {
-    std::vector<Field> f;
+    Fields f;
     std::uint16_t pos = 4;
     for (const SubTlv &s : subs) {
-        Add(f, 2, pos, s.type);
-        Add(f, 2, static_cast<std::uint16_t>(pos + 2), s.len);
+        f.push_back({pos, 2, s.type});
+        f.push_back({static_cast<std::uint16_t>(pos + 2), 2, s.len});
         for (Field v : s.value) {
             v.off = static_cast<std::uint16_t>(v.off + pos + 4);
             f.push_back(v);
         }
         pos = static_cast<std::uint16_t>(pos + 4 + s.len);
     }
-    Add(f, 2, 0, 0);
-    Add(f, 2, 2, pos - 4u);
+    f.push_back({0, 2, 0});
+    f.push_back({2, 2, pos - 4u});
     return {type, pos, f};
-}
-inline std::vector<Field> ValueBytes(std::uint16_t len, std::uint32_t seed) {
-    std::vector<Field> f;
-    AddBytes(f, 0, len, seed);
-    return f;
 }
 inline RecordPlan LinkRecord() {
     return TlvRecord(MBUF_CTL_LINK, {{10, 4, {{0, 4, 0x00000007u}}},  // VLAN priority
                                      {16, 2, {{0, 2, 0x88A8}}},       // TPID
-                                     {7, 3, ValueBytes(3, 0xAA)}});   // SNAP: head only
+                                     {7, 3, ByteRun(0, 3, 0xAA)}});   // SNAP: head only
 }
 inline RecordPlan PktSendRecord() {
     return TlvRecord(MBUF_CTL_PKTSEND, {{0, 4, {{0, 4, 0x0000BEEFu}}}, {3, 2, {{0, 2, 0x0102}}}});
 }
 inline RecordPlan PacketRecord() {
-    return TlvRecord(MBUF_CTL_PACKET, {{5, 6, ValueBytes(6, 0x50)}, {9, 1, ValueBytes(1, 0x90)}});
+    return TlvRecord(MBUF_CTL_PACKET, {{5, 6, ByteRun(0, 6, 0x50)}, {9, 1, ByteRun(0, 1, 0x90)}});
 }
 
 // Record 21 with 6 entries, two of them stamped; only the fields the
 // receiver converts carry values (the last-tick words stay zero).
 inline RecordPlan StackDebugRecord() {
-    std::vector<Field> f;
-    Add(f, 2, 0, 0);
-    Add(f, 2, 2, 24);
-    Add(f, 1, 4, 6);
-    Add(f, 1, 5, 1);
-    Add(f, 2, 6, 48);
-    Add(f, 1, 8, 0x81);
-    Add(f, 1, 9, 0x02);
-    Add(f, 2, 10, 0x0304);
-    AddWords(f, 12, 24, 21);
-    Add(f, 2, 24, 0x0506);
-    Add(f, 2, 26, 0x0708);
+    Fields f = {{0, 2, 0},  {2, 2, 24},   {4, 1, 6},    {5, 1, 1},
+                {6, 2, 48}, {8, 1, 0x81}, {9, 1, 0x02}, {10, 2, 0x0304}};
+    f = Join({f, WordRun(12, 24, 21), {{24, 2, 0x0506}, {26, 2, 0x0708}}});
     for (std::uint16_t e = 0; e < 2; ++e) {
-        const auto base = static_cast<std::uint16_t>(28 + 48 * e);
-        Add(f, 4, base, 0x00650000u + e);      // component
-        Add(f, 4, base + 4, 1500u * e);        // microseconds
-        Add(f, 2, base + 8, 2024);             // first stamp: year
-        AddBytes(f, base + 10, base + 16, e);  // month .. week
-        Add(f, 4, base + 16, 123u + e);        // milliseconds
-        Add(f, 2, base + 20, 2024);            // last stamp
-        AddBytes(f, base + 22, base + 28, 9 + e);
-        Add(f, 4, base + 28, 456u + e);
-        Add(f, 4, base + 32, 0x10000u * (e + 1));  // tick delta
-        Add(f, 4, base + 36, e);
+        // Component and microseconds; the first stamp (year, month .. week,
+        // milliseconds) and the last; the tick delta and the last tick.
+        const auto at = [e](std::uint32_t off) { return std::uint16_t(28 + 48 * e + off); };
+        f = Join({f,
+                  {{at(0), 4, 0x00650000u + e}, {at(4), 4, 1500u * e}, {at(8), 2, 2024}},
+                  ByteRun(at(10), at(16), e),
+                  {{at(16), 4, 123u + e}, {at(20), 2, 2024}},
+                  ByteRun(at(22), at(28), 9u + e),
+                  {{at(28), 4, 456u + e}, {at(32), 4, 0x10000u * (e + 1)}, {at(36), 4, e}}});
     }
     return {MBUF_CTL_STACKDEBUG, 6 * 48 + 28, f};
 }

@@ -2,6 +2,7 @@
 // at 64 characters and always terminated, and the NULL-message form stays
 // distinguishable from an empty text.
 #include <string>
+#include <vector>
 
 #include "host_test.h"
 #include "internal/report.h"
@@ -10,39 +11,31 @@ namespace {
 
 using krm::test::AssertReport;
 using krm::test::AssertReportNoText;
+using krm::test::Report;
 using krm::test::Reports;
 
 class ReportTest : public krm::test::HostTest {};
 
 TEST_F(ReportTest, FormatsAndTruncatesAtSixtyFourCharacters) {
     const std::string exact(64, 'x');
-    const std::string longer = exact + "TAIL";
-    struct Case {
-        std::string text;
-        std::string expected;
-    };
-    const Case cases[] = {{"", ""}, {"short", "short"}, {exact, exact}, {longer, exact}};
-    for (const Case &c : cases) {
-        krm::Report("krm_mbuf", 7, "%s", c.text.c_str());
+    std::vector<Report> want;
+    for (const auto &[text, kept] : {std::pair<std::string, std::string>{"", ""},
+                                     {"short", "short"},
+                                     {exact, exact},
+                                     {exact + "TAIL", exact}}) {
+        krm::Report("krm_mbuf", 7, "%s", text.c_str());
+        want.push_back(AssertReport("krm_mbuf", 7, kept));
     }
     krm::Report("krm_mbuf_bas", 2731, "T %u ML %u TL %u", 3u, 12u, 20u);
-
-    const auto reports = Reports();
-    ASSERT_EQ(reports.size(), 5u);
-    for (size_t i = 0; i < 4; ++i) {
-        EXPECT_EQ(reports[i], AssertReport("krm_mbuf", 7, cases[i].expected)) << i;
-    }
-    EXPECT_EQ(reports[4], AssertReport("krm_mbuf_bas", 2731, "T 3 ML 12 TL 20"));
+    want.push_back(AssertReport("krm_mbuf_bas", 2731, "T 3 ML 12 TL 20"));
+    EXPECT_EQ(Reports(), want);
 }
 
 TEST_F(ReportTest, NoTextFormIsDistinctFromEmptyText) {
     krm::ReportNoText("mbuf_uipc_mbuf", 131);
     krm::Report("mbuf_uipc_mbuf", 131, "%s", "");
-    const auto reports = Reports();
-    ASSERT_EQ(reports.size(), 2u);
-    EXPECT_EQ(reports[0], AssertReportNoText("mbuf_uipc_mbuf", 131));
-    EXPECT_EQ(reports[1], AssertReport("mbuf_uipc_mbuf", 131, ""));
-    EXPECT_NE(reports[0], reports[1]);
+    EXPECT_EQ(Reports(), (std::vector<Report>{AssertReportNoText("mbuf_uipc_mbuf", 131),
+                                              AssertReport("mbuf_uipc_mbuf", 131, "")}));
 }
 
 }  // namespace

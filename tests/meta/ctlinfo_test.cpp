@@ -283,11 +283,10 @@ TEST_F(CtlInfoTest, StoringASubTlvOverwritesOrAppends) {
         const std::uint8_t *rec = Rec(m, MBUF_CTL_PACKET);
         ASSERT_NE(rec, nullptr);
         EXPECT_EQ(Bytes(rec, rec + len), TlvRecord(s.list));
-        EXPECT_EQ(MBUF_GetCtlLen(m, MBUF_CTL_PACKET), len);
-        EXPECT_EQ(MBUF_GetControlLen(m, MBUF_CTL_PACKET), (len + 7) & ~7u);
-        EXPECT_EQ(m->pstCtlInfo->ucRecNum, 1u);
-        const std::uint16_t offset = m->pstCtlInfo->astSlot[MBUF_CTL_PACKET].usOffset;
-        EXPECT_EQ(offset, s.inPlace ? offsetBefore : MBUF_CTL_FIXED_LEN + usedBefore);
+        EXPECT_EQ((Seq{MBUF_GetCtlLen(m, MBUF_CTL_PACKET), MBUF_GetControlLen(m, MBUF_CTL_PACKET),
+                       m->pstCtlInfo->ucRecNum, m->pstCtlInfo->astSlot[MBUF_CTL_PACKET].usOffset}),
+                  (Seq{len, (len + 7) & ~7u, 1,
+                       s.inPlace ? offsetBefore : MBUF_CTL_FIXED_LEN + usedBefore}));
     }
     // The search for a stored sub-TLV matches type and length.
     const std::uint8_t *rec = Rec(m, MBUF_CTL_PACKET);
