@@ -119,7 +119,9 @@ TEST_F(RebuildTest, RefusalsOfBothReceives) {
 }
 
 // The two node marks count as this host's order; a one-piece packet is
-// re-based in place; a block flag with one piece leaves the head as it is.
+// re-based in place; a block flag with one piece leaves the head as it is,
+// with its inline block, so that destroying it releases the node once (as a
+// fuzzed head with the external flag, no buffer and 1400 bytes once showed).
 TEST_F(RebuildTest, MarksOnePieceAndLoneBlockFlag) {
     for (const auto &[recvName, receive] : kReceives) {
         SCOPED_TRACE(recvName);
@@ -134,14 +136,49 @@ TEST_F(RebuildTest, MarksOnePieceAndLoneBlockFlag) {
             EXPECT_EQ(out->ulRsv0, 0u);
             MBUF_Destroy(out);
         }
-        Carried c = CarryPacket({InlineNode(80, 12)}, {});
-        const std::uint32_t offset = c.Node(0)->ulRsv2;
-        c.Node(0)->ulFlag |= MBUF_FLAG_CTLINFO_SENT;
+        for (const bool ext : {false, true}) {
+            Carried c = CarryPacket({InlineNode(80, 12)}, {});
+            const std::uint32_t offset = c.Node(0)->ulRsv2;
+            c.Node(0)->ulFlag |= MBUF_FLAG_CTLINFO_SENT | (ext ? MBUF_EXT : 0u);
+            c.Node(0)->ulDataLen = ext ? 1400 : 80;
+            MBUF_S *out = nullptr;
+            ASSERT_EQ(c.Receive(receive, &out), 0u);
+            EXPECT_EQ(std::tuple(out, out->ulRsv2, out->ulFlag & MBUF_FLAG_CTLINFO_SENT),
+                      std::tuple(c.Node(0), offset, 0u))
+                << "not re-based";
+            EXPECT_EQ(out->pstCtlInfo, &out->stCtlInfo.stBlk);
+            KRM_HOST_ReportClear();
+            MBUF_Destroy(out);
+            EXPECT_EQ(Reports(),
+                      ext ? std::vector{AssertReport("mbuf_uipc_mbuf", 132,
+                                                     "MBUF_FreeExtInfoAndMbuf: ext_buf is null")}
+                          : std::vector<Report>{});
+            EXPECT_EQ(KRM_HOST_LiveBufferCount(), 0u);
+        }
+    }
+}
+
+// A receive that fails after it allocated (an external buffer for head data
+// past the inline area, an upgraded block) releases what it allocated and
+// leaves every piece live with the caller, the received block included.
+TEST_F(RebuildTest, AFailedReceiveLeavesOnlyThePieces) {
+    for (const bool oldBlock : {false, true}) {
+        SCOPED_TRACE(oldBlock ? "block of 20 slots" : "inline block");
+        Carried c = CarryPacket({InlineNode(80), InlineNode(6)},
+                                oldBlock ? kBlockRecords : std::vector<RecordRow>{});
+        c.Node(0)->ulRsv2 = 800;  // 800 + 80 bytes: past the inline area
+        c.pieces[1] = nullptr;
+        if (oldBlock) {
+            static_cast<MBUF_CONTROL_BLK_S *>(c.pieces.back())->ucSlotNum = 20;
+        }
+        const std::uint32_t live = KRM_HOST_LiveBufferCount();
         MBUF_S *out = nullptr;
-        ASSERT_EQ(c.Receive(receive, &out), 0u);
-        EXPECT_EQ(out->ulRsv2, offset) << "not re-based";
-        EXPECT_EQ(out->ulFlag & MBUF_FLAG_CTLINFO_SENT, 0u);
-        ReleaseAllLive();
+        EXPECT_EQ(c.Receive(MBUF_RcvTrans, &out), 1000u);
+        EXPECT_EQ(std::tuple(out, KRM_HOST_LiveBufferCount()), std::tuple(nullptr, live));
+        for (void *piece : c.pieces) {
+            KRM_HOST_BUF_INFO_S info;
+            EXPECT_TRUE(piece == nullptr || KRM_HOST_BufferInfo(piece, &info) == 0);
+        }
     }
 }
 
