@@ -1,10 +1,6 @@
-// Across processes: a forked peer receives packets of random shapes with
-// records through a socket-bound pipe (and as messages), compares each with
-// its own copy and answers with a digest that the sender checks.
-#include <sys/wait.h>
-#include <unistd.h>
-
-#include <string>
+// The road packets two peers compare by digest, and a sender and a receiver
+// thread on one pipe. The peers themselves, in two processes of either byte
+// order, are driven by the cross-order runs of the peer tool.
 #include <thread>
 
 #include "../../tools/pipe-peer/road_packets.h"
@@ -16,43 +12,6 @@ namespace {
 constexpr std::uint32_t kChannel = 3;
 
 class ProcessTest : public HostTest {};
-
-// Runs the receiver in a child and the sender here; returns the sender's
-// tally and stores the child's exit status.
-road::Tally Converse(road::Mode mode, std::uint32_t count, int *pStatus) {
-    const std::string path = "/tmp/krm-pipe-test-" + std::to_string(getpid()) +
-                             (mode == road::Mode::Msg ? "-msg" : "-pipe");
-    unlink(path.c_str());
-    const pid_t pid = fork();
-    if (pid == 0) {
-        KRM_HOST_Reset();
-        const bool bound = road::Bind(mode, kChannel, path.c_str(), true) == 0;
-        const road::Tally t = bound ? road::RunReceiver(mode, kChannel, 0, count) : road::Tally{};
-        KRM_HOST_Reset();
-        _exit(t.equal == count && t.differ == 0 ? 0 : 1);
-    }
-    EXPECT_EQ(road::Bind(mode, kChannel, path.c_str(), false), 0u);
-    const road::Tally t = road::RunSender(mode, kChannel, 0, count);
-    EXPECT_EQ(waitpid(pid, pStatus, 0), pid);
-    unlink(path.c_str());
-    KRM_HOST_Reset();
-    return t;
-}
-
-TEST_F(ProcessTest, ForkedPeerAnswersEveryPacket) {
-    const struct {
-        road::Mode mode;
-        std::uint32_t count;
-    } rows[] = {{road::Mode::Pipe, 1000}, {road::Mode::Msg, 200}};
-    for (const auto &row : rows) {
-        SCOPED_TRACE(row.mode == road::Mode::Pipe ? "pipe" : "message");
-        int status = -1;
-        const road::Tally t = Converse(row.mode, row.count, &status);
-        EXPECT_EQ(std::pair(t.equal, t.differ), std::pair(row.count, 0u));
-        EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0)
-            << "the peer saw a packet differ";
-    }
-}
 
 // The digest tells packets apart: a changed byte, record or field shows.
 TEST_F(ProcessTest, DigestSeesEveryChange) {

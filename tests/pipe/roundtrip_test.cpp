@@ -22,17 +22,11 @@ const std::vector<std::vector<RecordRow>> kRecordSets = {
 // Reads one package of one packet from the pipe and rebuilds it.
 MBUF_S *ReceiveOne(RecvFn receive) {
     MBUF_TRANS_DESC_S descs[4];
-    std::uint32_t count = 4;
-    std::uint32_t status = 0;
-    std::uint32_t aux = 0;
+    std::uint32_t count = 4, status = 0, aux = 0;
     EXPECT_EQ(KRM_PipePackageRead(kPipe, &count, descs, &status, &aux), 0u);
-    EXPECT_EQ(count, 1u);
-    EXPECT_EQ(status, 0u);
-    if (count != 1) {
-        return nullptr;
-    }
+    EXPECT_EQ(std::pair(count, status), std::pair(1u, 0u));
     MBUF_S *m = nullptr;
-    EXPECT_EQ(receive(&m, &descs[0]), MBUF_OK);
+    EXPECT_EQ(count == 1 ? receive(&m, &descs[0]) : ~0u, MBUF_OK);
     return m;
 }
 
@@ -142,8 +136,7 @@ TEST_P(RoundTripTest, TheMessageFormArrivesEqual) {
     const Snapshot sent = repacked(m);
     const std::uint32_t size = MBUF_GetAllBlockSize(m) + 8;
     ASSERT_EQ(MBUF_SendMsg(kTestModule, kDest, m), 0u);
-    std::uint32_t cls = 0;
-    std::uint32_t type = 0;
+    std::uint32_t cls = 0, type = 0;
     auto *msg = static_cast<std::uint8_t *>(KRM_HOST_MsgReceive(kDest, 0, &cls, &type));
     ASSERT_NE(msg, nullptr);
     EXPECT_EQ(std::tuple(cls, type, TQM_MsgLenGet(msg)), std::tuple(6u, 893u, size));
@@ -190,17 +183,13 @@ TEST_F(PackageTest, MultiSendToMultiRecv) {
     MBUF_IOVEC_S v[3][kMax];
     MBUF_TRANS_DESC_S descs[3] = {{0, v[0]}, {0, v[1]}, {0, v[2]}};
     ASSERT_EQ(MBUF_MultiSend(kPipe, pkts[0], descs), 0u);
-    const KRM_HOST_PIPE_STATS_S stats = Stats();
-    EXPECT_EQ(stats.ulWritten, 1u);
-    EXPECT_EQ(stats.ulPktsWritten, 3u);
+    EXPECT_EQ(std::pair(Stats().ulWritten, Stats().ulPktsWritten), std::pair(1u, 3u));
 
     MBUF_TRANS_DESC_S rdescs[8];
     MBUF_S *list = nullptr;
-    std::uint32_t count = 8;
-    std::uint32_t status = 9;
+    std::uint32_t count = 8, status = 9;
     ASSERT_EQ(MBUF_MultiRecv(kPipe, &list, &count, &status, rdescs), 0u);
-    EXPECT_EQ(count, 3u);
-    EXPECT_EQ(status, 0u);
+    EXPECT_EQ(std::pair(count, status), std::pair(3u, 0u));
     std::size_t i = 0;
     for (MBUF_S *m = list; m != nullptr; ++i) {
         ASSERT_LT(i, sent.size());
@@ -215,9 +204,7 @@ TEST_F(PackageTest, MultiSendToMultiRecv) {
     // Nothing queued: the service's status, no packets.
     count = 8;
     EXPECT_EQ(MBUF_MultiRecv(kPipe, &list, &count, &status, rdescs), 0u);
-    EXPECT_EQ(count, 0u);
-    EXPECT_EQ(status, 2u);
-    EXPECT_EQ(list, nullptr);
+    EXPECT_EQ(std::tuple(count, status, list), std::tuple(0u, 2u, nullptr));
     // The service's own refusal passes through.
     count = 8;
     EXPECT_EQ(MBUF_MultiRecv(kPipe + 1, &list, &count, &status, rdescs), 0x224C1110u);

@@ -92,7 +92,9 @@ TEST_F(BoundedMemTest, OverlapIsRefusedByCopyAndHandledByMove) {
     std::array<unsigned char, 32> buf{};
     buf[16] = 9;
     EXPECT_EQ(memcpy_s(&buf[0], 16, &buf[16], 16), 0);
+    EXPECT_EQ(memcpy_s(&buf[16], 16, &buf[0], 16), 0);
     EXPECT_EQ(buf[0], 9);
+    EXPECT_EQ(buf[16], 9);
 }
 
 }  // namespace

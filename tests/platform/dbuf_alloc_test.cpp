@@ -44,7 +44,7 @@ TEST_F(DbufAllocTest, BuffersOfEverySizeAreExactApartAndAccountedFor) {
         auto *p = static_cast<unsigned char *>(made);
         ASSERT_NE(p, nullptr);
         EXPECT_TRUE(distinct.insert(p).second) << "handed out twice";
-        EXPECT_EQ(reinterpret_cast<std::uintptr_t>(p) % 16, 0u);
+        EXPECT_EQ(reinterpret_cast<std::uintptr_t>(p) % (priv ? 16 : 64), 0u) << len;
         EXPECT_EQ(KRM_DbufLengthGET(p), priv ? 0u : len) << "a length for pipe buffers only";
         std::memset(p, static_cast<int>(round & 0xFF), len);
         live.emplace_back(p, len);
@@ -92,12 +92,13 @@ Fields HeaderOf(const void *p) {
     return {i.pBuf, i.ulLen, i.ulOwner, i.ulKind, i.pcFile, i.ulLine, i.ulCtrlFlag, i.ulTraceId};
 }
 
-// The header keeps owner, site, control flag and trace id; a recycled chunk
+// The header keeps owner, site, control flag and trace id; a chunk recycled
+// through the thread's cache (each pooled class) or the system allocator
 // starts clean. The pipe-buffer queries answer only for the start of a live
 // pipe buffer (not for private memory) and never report.
 TEST_F(DbufAllocTest, HeaderRecordsOwnerSiteFlagAndTraceOfPipeBuffersOnly) {
     constexpr std::uint32_t kDbuf = KRM_HOST_BUF_DBUF;
-    for (const std::uint32_t len : {100u, 70000u}) {
+    for (const std::uint32_t len : {100u, 448u, 449u, 936u, 937u, 1960u, 1961u, 70000u}) {
         SCOPED_TRACE(len);
         void *p = AllocDbuf(len, 0x00770001u, 1234);
         EXPECT_EQ(HeaderOf(p), Fields(p, len, 0x00770001u, kDbuf, kAllocFile, 1234, 0, 0));
@@ -204,6 +205,7 @@ const BadFree kBadFrees[] = {
     {kPipe, 100, 8, false, true, "is not the start of a buffer"},
     {kPipe, 936, -16, false, true, "is not the start of a buffer"},
     {kPipe, 5000, 4096, false, true, "is not the start of a buffer"},
+    {kPipe, 1960, 64, false, true, "is not the start of a buffer"},
     {kStatic, 0, 0, false, true, "is not a live buffer of this platform"},
     {kSystem, 64, 0, false, false, "is not a live buffer of this platform"},
     {kPrivate, 200, 0, false, true, "is private memory, not a pipe buffer"},

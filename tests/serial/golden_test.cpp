@@ -1,12 +1,12 @@
 // The golden files: streams and images written on both byte orders read
 // back on this build as the packets they describe; the files of this build's
 // order are exactly what the writers produce today. Then every file, cut at
-// every length and with random bytes flipped, is handed to its reader in a
-// buffer of exactly that length: the reader must not read past it
-// (AddressSanitizer watches), must leave nothing behind, and a packet it
-// returns must be usable to its last data and record byte.
+// every length, is handed to its reader in a buffer of exactly that length:
+// the reader must not read past it (AddressSanitizer watches), must leave
+// nothing behind, and a packet it returns must be usable to its last data
+// and record byte. Random flips are the fuzz harnesses' (seeded from these
+// files).
 #include <algorithm>
-#include <random>
 
 #include "serial_support.h"
 
@@ -94,7 +94,7 @@ MBUF_S *ReadCopy(bool bTlv, const Bytes &b) {
     return pkt;
 }
 
-TEST_P(GoldenTest, TruncatedAndFlippedFilesAreReadSafely) {
+TEST_P(GoldenTest, TruncatedFilesAreReadSafely) {
     for (const bool bTlv : {true, false}) {
         SCOPED_TRACE(bTlv ? "tlv" : "img");
         const Bytes file = File(bTlv ? "tlv" : "img");
@@ -112,18 +112,6 @@ TEST_P(GoldenTest, TruncatedAndFlippedFilesAreReadSafely) {
         ASSERT_FALSE(built.empty());
         EXPECT_EQ(built.back(), file.size());
         EXPECT_EQ(built.size(), file.size() - built.front() + 1);
-        std::mt19937 rng(0x5EED + static_cast<uint32_t>(file.size()));
-        for (int round = 0; round < 400; ++round) {
-            Bytes bad = file;
-            for (int f = 0, flips = 1 + static_cast<int>(rng() % 8); f < flips; ++f) {
-                bad[rng() % bad.size()] ^= static_cast<uint8_t>(1u + rng() % 255u);
-            }
-            if (rng() % 4 == 0) {
-                bad.resize(rng() % bad.size());
-            }
-            UseAndDestroy(ReadCopy(bTlv, bad));
-            ASSERT_EQ(KRM_HOST_LiveBufferCount(), 0u) << "round " << round;
-        }
     }
     KRM_HOST_ReportClear();
 }

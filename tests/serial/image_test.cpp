@@ -117,5 +117,43 @@ TEST_F(ImageTest, CutBlocksAndWordsAreNotTaken) {
     }
 }
 
+// A received block may claim a used area larger than its memory: the image
+// holds what the block has and zeros for the rest, and keeps the size
+// MBUF_GetAllBlockSize gave (a fuzzed block once made the writer read past
+// it). A total that would not fit 32 bits is neither sized nor written.
+TEST_F(ImageTest, AUsedAreaPastTheBlockIsWrittenAsZerosAndNoSizeWraps) {
+    const Bytes data(40, 0x5A);
+    for (const bool separate : {false, true}) {
+        SCOPED_TRACE(separate ? "separate block" : "inline block");
+        MBUF_S *pkt = Keep(MBUF_CreateByCopyBuffer(0, 40, data.data(), 0, kModule));
+        ASSERT_NE(pkt, nullptr);
+        if (separate) {
+            ASSERT_EQ(MBUF_CreateControlInfo_fl(pkt, MBUF_CTL_PKTSEND, 600, kModule, "t", 1), 0u);
+            ASSERT_NE(pkt->pstCtlInfo, &pkt->stCtlInfo.stBlk);
+        }
+        const std::uint32_t mem =
+            separate ? KRM_DbufLengthGET(pkt->pstCtlInfo) : MBUF_CTLINFO_INLINE_LEN;
+        pkt->pstCtlInfo->usUsedLen = static_cast<std::uint16_t>(mem - MBUF_CTL_FIXED_LEN + 100);
+        const auto *blk = reinterpret_cast<const std::uint8_t *>(pkt->pstCtlInfo);
+        Bytes want(blk, blk + mem);
+        want.resize(mem + 100, 0);
+        const std::uint32_t size = MBUF_GetAllBlockSize(pkt);
+        ASSERT_EQ(size, 40 + mem + 100 + 4 + MBUF_IMAGE_HDR_WORDS_LEN);
+        Bytes img(size, 0xEE);
+        ASSERT_EQ(MBUF_Serialize(pkt, img.data()), 0u);
+        EXPECT_EQ(Bytes(img.begin() + 44, img.begin() + 44 + mem + 100), want);
+        EXPECT_EQ(Get<std::uint32_t>(&img[size - MBUF_IMAGE_HDR_WORDS_LEN + 20]), pkt->ulFlag2);
+    }
+    for (const std::uint32_t total : {0xFFFFFFF0u, 0xFFFFFF30u}) {
+        MBUF_S *pkt = Keep(MBUF_CreateByCopyBuffer(0, 40, data.data(), 0, kModule));
+        pkt->ulTotalDataLen = total;
+        EXPECT_EQ(MBUF_GetAllBlockSize(pkt), 0u);
+        Bytes img(64, 0xEE);
+        EXPECT_EQ(MBUF_Serialize(pkt, img.data()), MBUF_ERR_NO_DATA);
+        EXPECT_EQ(img, Bytes(64, 0xEE));
+        pkt->ulTotalDataLen = 40;
+    }
+}
+
 }  // namespace
 }  // namespace krm::serialtest

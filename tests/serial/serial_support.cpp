@@ -1,6 +1,7 @@
 #include "serial_support.h"
 
-#include <cstdio>
+#include <fstream>
+#include <iterator>
 
 namespace krm::serialtest {
 
@@ -58,15 +59,8 @@ std::string GoldenDir() {
 }
 
 Bytes ReadFile(const std::string &path) {
-    Bytes out;
-    std::FILE *f = std::fopen(path.c_str(), "rb");
-    for (int c = f != nullptr ? std::fgetc(f) : EOF; c != EOF; c = std::fgetc(f)) {
-        out.push_back(static_cast<std::uint8_t>(c));
-    }
-    if (f != nullptr) {
-        std::fclose(f);
-    }
-    return out;
+    std::ifstream in(path, std::ios::binary);
+    return Bytes(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
 }
 
 namespace {
