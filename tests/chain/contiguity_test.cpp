@@ -1,5 +1,7 @@
 // Making ranges contiguous and re-packing packets: the bytes never change,
 // only where they lie.
+#include <tuple>
+
 #include "chain_test.h"
 
 namespace krm::test {
@@ -70,10 +72,8 @@ TEST_F(ContiguityTest, TheTailOfANodeIsPulledIntoTheNextNodesHeadRoom) {
     int32_t inNode = -1;
     const uint32_t attempts = KRM_HOST_AllocAttemptCount();
     EXPECT_EQ(MBUF_MemContinuousFromOffset(m, 90, 20, &inNode, kTestModule, nullptr), second);
-    EXPECT_EQ(KRM_HOST_AllocAttemptCount(), attempts);
-    EXPECT_EQ(inNode, 0);
-    EXPECT_EQ(second->pucData, oldData - 10);
-    EXPECT_EQ(NodeLengths(m), (Lens{90, 40}));
+    EXPECT_EQ(std::tuple(KRM_HOST_AllocAttemptCount(), inNode, second->pucData, NodeLengths(m)),
+              std::tuple(attempts, 0, oldData - 10, Lens{90, 40}));
     EXPECT_TRUE(HoldsBytes(m, flat));
     MBUF_Destroy(m);
 
@@ -114,15 +114,11 @@ TEST_F(ContiguityTest, ALongRangeGetsANewNodeSizedForIt) {
         int32_t inNode = -1;
         MBUF_S *node = MBUF_MemContinuousFromOffset(m, 200, c.len, &inNode, kTestModule, nullptr);
         ASSERT_NE(node, nullptr);
-        EXPECT_EQ(m->pstNext, node);
-        EXPECT_EQ(inNode, 0);
-        EXPECT_EQ(node->ulDataLen, static_cast<std::uint32_t>(c.len));
-        EXPECT_EQ(node->usType, 4u);
-        EXPECT_EQ((node->ulFlag & MBUF_EXT) != 0, c.extSize != 0);
-        if (c.extSize != 0) {
-            EXPECT_EQ(node->ulExtSize, c.extSize);
-            EXPECT_EQ(node->ulExtRefCnt, 4u);
-        }
+        const bool ext = (node->ulFlag & MBUF_EXT) != 0;
+        EXPECT_EQ(std::tuple(m->pstNext, inNode, node->ulDataLen, node->usType, ext,
+                             ext ? node->ulExtSize : 0u, ext ? node->ulExtRefCnt : 4u),
+                  std::tuple(node, 0, static_cast<std::uint32_t>(c.len), 4u, c.extSize != 0,
+                             c.extSize, 4u));
         EXPECT_TRUE(HoldsBytes(m, flat));
         MBUF_FreeNoUseMemory_fl(m, kFile, __LINE__);
         EXPECT_TRUE(IsValidPacket(m));
@@ -142,8 +138,7 @@ TEST_F(ContiguityTest, CuttingFromALinkedSourceHeadKeepsItsLength) {
     const std::uint8_t *range = MBUF_MakeMemoryContinuous(m, 150, 100, kTestModule);
     ASSERT_NE(range, nullptr);
     EXPECT_EQ(Bytes(range, range + 100), Slice(flat, 150, 100));
-    EXPECT_EQ(src->ulDataLen, 250u);
-    EXPECT_EQ(src->ulTotalDataLen, 300u);
+    EXPECT_EQ(std::tuple(src->ulDataLen, src->ulTotalDataLen), std::tuple(250u, 300u));
     EXPECT_TRUE(HoldsBytes(m, flat));
     EXPECT_TRUE(IsValidPacket(m));
     MBUF_Destroy(m);

@@ -2,6 +2,7 @@
 // compared with slices of the flat model.
 #include <algorithm>
 #include <string>
+#include <tuple>
 
 #include "chain_test.h"
 #include "krm_mbuf/platform.h"
@@ -51,18 +52,15 @@ TEST_P(CopyShapeTest, CopiesMatchTheModelForEveryRange) {
             ASSERT_NE(copy, nullptr);
             EXPECT_TRUE(IsValidPacket(copy));
             EXPECT_TRUE(HoldsBytes(copy, Slice(flat, from, len)));
-            EXPECT_EQ(NodeCount(copy), 1u);
-            EXPECT_EQ(copy->ulFlag2, 0x1234u);
-            EXPECT_EQ(copy->ulPktRsv4, 77u);
             const bool ext = (copy->ulFlag & MBUF_EXT) != 0;
             ASSERT_EQ(ext, need > MBUF_PKTHDR_INLINE_LEN);
-            EXPECT_EQ(copy->pucData + len, (ext ? copy->pucExtBuf : copy->aucHdrInlineData) + need);
-            KRM_HOST_BUF_INFO_S info{};
+            EXPECT_EQ(
+                std::tuple(NodeCount(copy), copy->ulFlag2, copy->ulPktRsv4, copy->pucData + len),
+                std::tuple(1u, 0x1234u, 77u,
+                           (ext ? copy->pucExtBuf : copy->aucHdrInlineData) + need));
             if (ext) {
                 EXPECT_EQ(copy->ulExtSize, std::max(need, MBUF_CLUSTER_SIZE));
-                ASSERT_EQ(KRM_HOST_BufferInfo(copy->pucExtBuf, &info), 0u);
-                EXPECT_STREQ(info.pcFile, "MBUF_RawCopy");
-                EXPECT_EQ(info.ulLine, 55u);
+                EXPECT_EQ(SiteOf(copy->pucExtBuf), Site("MBUF_RawCopy", 55, kTestModule));
             }
             MBUF_Destroy(copy);
         }
@@ -164,11 +162,9 @@ TEST_F(CopyTest, CopyInKeepsAValidPacketWhenMemoryRunsOut) {
         EXPECT_EQ(have, Slice(model, 0, static_cast<std::uint32_t>(have.size())));
         // Two gap nodes and four written ones: only the seventh run is whole.
         EXPECT_EQ(have.size() == model.size(), nth == 7);
-        KRM_HOST_BUF_INFO_S info{};
         for (const MBUF_S *n = m->pstNext; n != nullptr; n = n->pstNext) {
             EXPECT_EQ(n->usType, 3u);
-            ASSERT_EQ(KRM_HOST_BufferInfo(n, &info), 0u);
-            EXPECT_STREQ(info.pcFile, "mbuf_uipc_mbuf");
+            EXPECT_EQ(std::get<0>(SiteOf(n)), "mbuf_uipc_mbuf");
         }
         MBUF_Destroy(m);
     }
@@ -198,25 +194,20 @@ TEST_F(CopyTest, HeaderCopiesTakeFlagsWordsAndRecords) {
     uint8_t *data = dst->pucData;
     ASSERT_NE(MBUF_DuplicatePktHdr(dst, src, kTestModule, nullptr), 0);
     src->ulFlag &= ~MBUF_NOFREE;
-    EXPECT_EQ(dst->ulFlag, MBUF_PKTHDR | MBUF_EXT | MBUF_ROOMLOCK | 0x00010000u);
-    EXPECT_EQ(dst->pucData, data);
-    EXPECT_EQ(dst->ulTotalDataLen, 30u);
-    EXPECT_EQ(dst->ulFlag3, 3u);
-    EXPECT_EQ(dst->ulPktTagInfo, 4u);
-    EXPECT_EQ(dst->ulPktRsv4, 6u);
-    EXPECT_EQ(RecordMark(dst), 0x5C);
+    EXPECT_EQ(std::tuple(dst->ulFlag, dst->pucData, dst->ulTotalDataLen, dst->ulFlag3,
+                         dst->ulPktTagInfo, dst->ulPktRsv4, RecordMark(dst)),
+              std::tuple(MBUF_PKTHDR | MBUF_EXT | MBUF_ROOMLOCK | 0x00010000u, data, 30u, 3u, 4u,
+                         6u, 0x5C));
     dst->ulTotalDataLen = 0;
     MBUF_Destroy(dst);
 
     MBUF_S *head = MBUF_CopyMBufHeader_fl(src, kTestModule, kFile, __LINE__);
     ASSERT_NE(head, nullptr);
-    EXPECT_EQ(head->ulTotalDataLen, 30u);  // the caller sets the lengths
+    // The caller sets the lengths.
+    EXPECT_EQ(std::tuple(head->ulTotalDataLen, head->ulDataLen, head->pstNext, head->pucData,
+                         head->usType, RecordMark(head), head->pstCtlInfo != src->pstCtlInfo),
+              std::tuple(30u, 0u, nullptr, head->aucHdrInlineData, 3u, 0x5C, true));
     head->ulTotalDataLen = 0;
-    EXPECT_TRUE(HoldsBytes(head, {}));
-    EXPECT_EQ(head->pucData, head->aucHdrInlineData);
-    EXPECT_EQ(head->usType, 3u);
-    EXPECT_EQ(RecordMark(head), 0x5C);
-    EXPECT_NE(head->pstCtlInfo, src->pstCtlInfo);
     EXPECT_TRUE(IsValidPacket(head));
     MBUF_Destroy(head);
     MBUF_Destroy(src);
@@ -226,10 +217,10 @@ TEST_F(CopyTest, HeaderCopiesTakeFlagsWordsAndRecords) {
 // beyond the packet.
 TEST_F(CopyTest, BadSourcesAndRangesAreRefused) {
     std::uint8_t byte = 0;
-    EXPECT_EQ(MBUF_CopyDataFromMBufToBuffer(nullptr, 0, 1, &byte), MBUF_ERR_INVALID_MBUF);
-    EXPECT_EQ(MBUF_CopyDataFromBufferToMBuf(nullptr, 0, 1, &byte, kTestModule),
-              MBUF_ERR_INVALID_MBUF);
-    EXPECT_EQ(MBUF_FillDataForApp(nullptr, 0, 1, &byte), MBUF_ERR_INVALID_MBUF);
+    EXPECT_EQ((Lens{MBUF_CopyDataFromMBufToBuffer(nullptr, 0, 1, &byte),
+                    MBUF_CopyDataFromBufferToMBuf(nullptr, 0, 1, &byte, kTestModule),
+                    MBUF_FillDataForApp(nullptr, 0, 1, &byte)}),
+              Lens(3, MBUF_ERR_INVALID_MBUF));
     EXPECT_EQ(MBUF_CopyMBufHeader_fl(nullptr, kTestModule, kFile, __LINE__), nullptr);
     EXPECT_EQ(MBUF_RawCopy(nullptr, 0, 1, 0, kTestModule), nullptr);
     MBUF_S *m = BuildChain({InlineNode(10)});

@@ -1,6 +1,7 @@
 // Joining and splitting packets, compared with concatenating and slicing the
 // flat model.
 #include <cstring>
+#include <tuple>
 
 #include "chain_test.h"
 
@@ -48,17 +49,17 @@ TEST_P(JoinShapeTest, SplitAndFragmentCutAtEveryOffset) {
             EXPECT_TRUE(IsValidPacket(second));
             EXPECT_TRUE(HoldsBytes(m, Slice(flat, 0, at)));
             EXPECT_TRUE(HoldsBytes(second, Slice(flat, at, Total() - at)));
-            EXPECT_EQ(second->ulPktRsv4, 42u);
-            EXPECT_EQ(RecordMark(second), fragment ? 0x77 : -1);
-            EXPECT_TRUE(SharesNoBuffer(m, second));
+            EXPECT_EQ(std::tuple(second->ulPktRsv4, RecordMark(second), SharesNoBuffer(m, second)),
+                      std::tuple(42u, fragment ? 0x77 : -1, true));
             MBUF_Destroy(second);
             MBUF_Destroy(m);
         }
     }
     MBUF_S *m = Build();
-    EXPECT_EQ(MBUF_Split(m, Total() + 1, kTestModule, nullptr), nullptr);
-    EXPECT_EQ(MBUF_Fragment(m, 0, kTestModule), nullptr);
-    EXPECT_EQ(MBUF_Fragment(m, Total() + 1, kTestModule), nullptr);
+    EXPECT_EQ((std::vector<MBUF_S *>{MBUF_Split(m, Total() + 1, kTestModule, nullptr),
+                                     MBUF_Fragment(m, 0, kTestModule),
+                                     MBUF_Fragment(m, Total() + 1, kTestModule)}),
+              std::vector<MBUF_S *>(3, nullptr));
     EXPECT_TRUE(HoldsBytes(m, Flatten(m)));
     MBUF_Destroy(m);
 }
@@ -128,9 +129,9 @@ TEST_F(JoinSplitTest, ConcatenateCopiesSmallDataIntoInlineRoomOnly) {
         MBUF_Destroy(dst);
     }
     MBUF_S *m = BuildChain({InlineNode(10)});
-    EXPECT_EQ(MBUF_Concatenate(m, nullptr), MBUF_ERR_INVALID_MBUF);
-    EXPECT_EQ(MBUF_Concatenate(nullptr, m), MBUF_ERR_INVALID_MBUF);
-    EXPECT_EQ(MBUF_Concatenate(m, m), MBUF_ERR_BAD_ARG);
+    EXPECT_EQ(
+        (Lens{MBUF_Concatenate(m, nullptr), MBUF_Concatenate(nullptr, m), MBUF_Concatenate(m, m)}),
+        (Lens{MBUF_ERR_INVALID_MBUF, MBUF_ERR_INVALID_MBUF, MBUF_ERR_BAD_ARG}));
     EXPECT_TRUE(IsValidPacket(m));
     MBUF_Destroy(m);
 }
@@ -151,14 +152,14 @@ TEST_F(JoinSplitTest, SplitPlacesTheRemainder) {
     split({InlineNode(300)}, 100,
           [](MBUF_S *second) { EXPECT_EQ(second->pucData, second->aucHdrInlineData + 172); });
     split({InlineNode(100), InlineNode(800)}, 150, [](MBUF_S *second) {
-        EXPECT_EQ(NodeLengths(second), (Lens{0, 750}));
-        EXPECT_EQ(second->pucData, second->aucHdrInlineData + MBUF_PKTHDR_INLINE_LEN);
-        EXPECT_EQ(second->pstNext->pucData, second->pstNext->aucInlineData + 96);
+        EXPECT_EQ(std::tuple(NodeLengths(second), second->pucData, second->pstNext->pucData),
+                  std::tuple(Lens{0, 750}, second->aucHdrInlineData + MBUF_PKTHDR_INLINE_LEN,
+                             second->pstNext->aucInlineData + 96));
     });
     split({ClusterNode(1000)}, 100, [](MBUF_S *second) {
-        EXPECT_EQ(second->ulFlag & MBUF_EXT, MBUF_EXT);
-        EXPECT_EQ(second->pucData, second->pucExtBuf + MBUF_DUPEXT_HEADROOM);
-        EXPECT_EQ(second->ulExtSize, MBUF_CLUSTER_SIZE);
+        EXPECT_EQ(
+            std::tuple(second->ulFlag & MBUF_EXT, second->pucData, second->ulExtSize),
+            std::tuple(MBUF_EXT, second->pucExtBuf + MBUF_DUPEXT_HEADROOM, MBUF_CLUSTER_SIZE));
     });
 }
 
@@ -171,18 +172,19 @@ TEST_F(JoinSplitTest, DuplicateExtInfoCopiesToTheEndOfTheSourceBuffer) {
     uint32_t capacity = 0;
     MBUF_S *dst = MBUF_AllocateMBufNode_fl(0, 0, &capacity, kTestModule, kFile, __LINE__);
     ASSERT_EQ(MBUF_DuplicateExtInfo(dst, node, 30, kTestModule, nullptr), 1u);
-    EXPECT_EQ(dst->ulExtSize, 3960u + 64u);
-    EXPECT_EQ(dst->ulExtRsv0, 5u);
-    EXPECT_EQ(std::memcmp(dst->pucData, node->pucData + 30, 3960), 0);
+    EXPECT_EQ(std::tuple(dst->ulExtSize, dst->ulExtRsv0,
+                         std::memcmp(dst->pucData, node->pucData + 30, 3960)),
+              std::tuple(3960u + 64u, 5u, 0));
     dst->ulDataLen = 70;
     MBUF_Free(dst, nullptr);
 
     // Nothing to copy: done, nothing attached. Past the end, or no buffer: failed.
     dst = MBUF_AllocateMBufNode_fl(0, 0, &capacity, kTestModule, kFile, __LINE__);
-    EXPECT_EQ(MBUF_DuplicateExtInfo(dst, node, 3990, kTestModule, nullptr), 1u);
-    EXPECT_EQ(dst->ulFlag & MBUF_EXT, 0u);
-    EXPECT_EQ(MBUF_DuplicateExtInfo(dst, node, 3991, kTestModule, nullptr), 0u);
-    EXPECT_EQ(MBUF_DuplicateExtInfo(dst, src, 0, kTestModule, nullptr), 0u);
+    EXPECT_EQ(
+        (Lens{MBUF_DuplicateExtInfo(dst, node, 3990, kTestModule, nullptr), dst->ulFlag & MBUF_EXT,
+              MBUF_DuplicateExtInfo(dst, node, 3991, kTestModule, nullptr),
+              MBUF_DuplicateExtInfo(dst, src, 0, kTestModule, nullptr)}),
+        (Lens{1, 0, 0, 0}));
     EXPECT_EQ(Reports(), (std::vector<Report>{AssertReport(
                              "mbuf_uipc_mbuf", 153, "MBUF_DuplicateExtInfo: MBUF_EXT not set")}));
     MBUF_Free(dst, nullptr);
@@ -218,9 +220,8 @@ TEST_F(JoinSplitTest, FragmentByMemCntCutsBeforeTheNodeThatPassesTheLimit) {
     GrowControlBlock(m, 0x31);
     // Control block 1, head 1 (its empty buffer released), 2 + 1: no cut.
     EXPECT_EQ(MBUF_FragmentByMemCnt_fl(m, 5, kTestModule, kFile, __LINE__), nullptr);
-    EXPECT_EQ(NodeLengths(m), (Lens{0, 100, 7}));
-    EXPECT_EQ(m->ulFlag & MBUF_EXT, 0u);
-    EXPECT_EQ(stray->ulFlag & MBUF_PKTHDR, 0u);
+    EXPECT_EQ(std::tuple(NodeLengths(m), m->ulFlag & MBUF_EXT, stray->ulFlag & MBUF_PKTHDR),
+              std::tuple(Lens{0, 100, 7}, 0u, 0u));
     EXPECT_TRUE(IsValidPacket(m));
     MBUF_S *rest = MBUF_FragmentByMemCnt_fl(m, 3, kTestModule, kFile, __LINE__);
     ASSERT_NE(rest, nullptr);

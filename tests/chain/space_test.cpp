@@ -127,20 +127,22 @@ class SpaceTest : public ChainTest {};
 TEST_F(SpaceTest, BadArgumentsChangeNothing) {
     MBUF_S *m = BuildChain({InlineNode(10, 40)});
     const Bytes flat = Flatten(m);
-    EXPECT_EQ(MBUF_PrependMemorySpace(m, MBUF_GROW_MAX_LEN + 1, kTestModule), nullptr);
-    EXPECT_EQ(MBUF_AppendMemorySpace(m, MBUF_GROW_MAX_LEN + 1, kTestModule), nullptr);
-    EXPECT_EQ(MBUF_PrependMemorySpace(nullptr, 1, kTestModule), nullptr);
-    EXPECT_EQ(MBUF_AppendMemorySpace(nullptr, 1, kTestModule), nullptr);
-    EXPECT_EQ(MBUF_CutHead(nullptr, 1), MBUF_ERR_INVALID_MBUF);
-    EXPECT_EQ(MBUF_CutPart(m, 10, 1), MBUF_ERR_LENGTH);
-    EXPECT_EQ(MBUF_CutPart(m, 11, 0), MBUF_ERR_LENGTH);
-    EXPECT_EQ(MBUF_CutPart(m, 1, 0xFFFFFFFFu), MBUF_ERR_LENGTH);
+    const auto grows = [m](std::uint32_t len) {
+        return std::vector<std::uint8_t *>{MBUF_PrependMemorySpace(m, len, kTestModule),
+                                           MBUF_AppendMemorySpace(m, len, kTestModule)};
+    };
+    const std::vector<std::uint8_t *> none(2, nullptr);
+    EXPECT_EQ(grows(MBUF_GROW_MAX_LEN + 1), none);
+    EXPECT_EQ((std::vector<std::uint8_t *>{MBUF_PrependMemorySpace(nullptr, 1, kTestModule),
+                                           MBUF_AppendMemorySpace(nullptr, 1, kTestModule)}),
+              none);
+    EXPECT_EQ((Lens{MBUF_CutHead(nullptr, 1), MBUF_CutPart(m, 10, 1), MBUF_CutPart(m, 11, 0),
+                    MBUF_CutPart(m, 1, 0xFFFFFFFFu)}),
+              (Lens{MBUF_ERR_INVALID_MBUF, MBUF_ERR_LENGTH, MBUF_ERR_LENGTH, MBUF_ERR_LENGTH}));
     m->ulFlag &= ~MBUF_PKTHDR;  // a plain node is not a packet
-    EXPECT_EQ(MBUF_PrependMemorySpace(m, 1, kTestModule), nullptr);
-    EXPECT_EQ(MBUF_AppendMemorySpace(m, 1, kTestModule), nullptr);
-    EXPECT_EQ(MBUF_CutHead(m, 1), MBUF_ERR_INVALID_MBUF);
-    EXPECT_EQ(MBUF_CutTail(m, 1), MBUF_ERR_INVALID_MBUF);
-    EXPECT_EQ(MBUF_CutPart(m, 0, 1), MBUF_ERR_INVALID_MBUF);
+    EXPECT_EQ(grows(1), none);
+    EXPECT_EQ((Lens{MBUF_CutHead(m, 1), MBUF_CutTail(m, 1), MBUF_CutPart(m, 0, 1)}),
+              Lens(3, MBUF_ERR_INVALID_MBUF));
     m->ulFlag |= MBUF_PKTHDR;
     EXPECT_TRUE(HoldsBytes(m, flat));
     EXPECT_EQ(NodeCount(m), 1u);
@@ -203,14 +205,8 @@ TEST_F(SpaceTest, WrappersAttributeTheirAllocationsToThemselves) {
     ASSERT_NE(MBUF_PrependMemorySpace(m, 10, kTestModule), nullptr);
     uint8_t *p = MBUF_AppendMemorySpace(m, MBUF_GROW_MAX_LEN, kTestModule);
     ASSERT_NE(p, nullptr);
-    KRM_HOST_BUF_INFO_S info{};
-    ASSERT_EQ(KRM_HOST_BufferInfo(m->pucExtBuf, &info), 0u);
-    EXPECT_STREQ(info.pcFile, "MBUF_PrependMemorySpace");
-    EXPECT_EQ(info.ulLine, 97u);
-    EXPECT_EQ(info.ulOwner, kTestModule);
-    ASSERT_EQ(KRM_HOST_BufferInfo(p, &info), 0u);
-    EXPECT_STREQ(info.pcFile, "MBUF_AppendMemorySpace");
-    EXPECT_EQ(info.ulLine, 91u);
+    EXPECT_EQ(SiteOf(m->pucExtBuf), Site("MBUF_PrependMemorySpace", 97, kTestModule));
+    EXPECT_EQ(SiteOf(p), Site("MBUF_AppendMemorySpace", 91, kTestModule));
     MBUF_Destroy(m);
 }
 

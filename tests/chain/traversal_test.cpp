@@ -180,11 +180,11 @@ TEST_F(TraversalTest, ApplyStartsStopsAndReportsAsEachWalkDoes) {
 // chain are refused with their codes.
 TEST_F(TraversalTest, LocateAndBlockFunctionsRefuseWhatTheyCannotWalk) {
     MBUF_S *m = BuildChain({InlineNode(10), InlineNode(10)});
-    std::uint32_t off = 3;
-    EXPECT_EQ(MBUF_LocateOffsetNode(nullptr, &off), nullptr);
-    EXPECT_EQ(MBUF_LocateOffsetNode(m, nullptr), nullptr);
-    off = 21;
-    EXPECT_EQ(MBUF_LocateOffsetNode(m, &off), nullptr);
+    std::uint32_t off = 3, beyond = 21;
+    EXPECT_EQ((std::vector<MBUF_S *>{MBUF_LocateOffsetNode(nullptr, &off),
+                                     MBUF_LocateOffsetNode(m, nullptr),
+                                     MBUF_LocateOffsetNode(m, &beyond)}),
+              std::vector<MBUF_S *>(3, nullptr));
 
     MBUF_DATA_BLOCK_S block{};
     ASSERT_EQ(MBUF_GetFirstDataBlock(m, &block), MBUF_OK);
@@ -192,21 +192,20 @@ TEST_F(TraversalTest, LocateAndBlockFunctionsRefuseWhatTheyCannotWalk) {
     EXPECT_EQ(MBUF_GetNextDataBlock(&block), MBUF_ERR_INVALID_MBUF);
     EXPECT_EQ(block.pucData, nullptr);
     m->pstNext->ucMagic = MBUF_MAGIC_LIVE;
-    EXPECT_EQ(MBUF_GetFirstDataBlock(nullptr, &block), MBUF_ERR_INVALID_MBUF);
-    EXPECT_EQ(MBUF_GetFirstDataBlock(m, nullptr), MBUF_ERR_BAD_ARG);
-    EXPECT_EQ(MBUF_GetNextDataBlock(nullptr), MBUF_ERR_BAD_ARG);
+    EXPECT_EQ((Lens{MBUF_GetFirstDataBlock(nullptr, &block), MBUF_GetFirstDataBlock(m, nullptr),
+                    MBUF_GetNextDataBlock(nullptr)}),
+              (Lens{MBUF_ERR_INVALID_MBUF, MBUF_ERR_BAD_ARG, MBUF_ERR_BAD_ARG}));
 
     MBUF_BLOCK_INFO_S info[4] = {};
     MBUF_BLOCK_LIST_S list{4, 0, info};
     std::uint32_t num = 0;
-    EXPECT_EQ(MBUF_GetDataBlockNum(m, 0, 0, &num), MBUF_ERR_INVALID_MBUF);
-    EXPECT_EQ(MBUF_GetDataBlockNum(m, 15, 6, &num), MBUF_ERR_INVALID_MBUF);
-    EXPECT_EQ(MBUF_GetDataBlockNum(nullptr, 0, 1, &num), MBUF_ERR_INVALID_MBUF);
-    EXPECT_EQ(MBUF_GetDataBlockNum(m, 0, 1, nullptr), MBUF_ERR_BAD_ARG);
-    EXPECT_EQ(MBUF_GetDataBlockInfo(m, 0, 0, &list), MBUF_ERR_BAD_ARG);
-    EXPECT_EQ(MBUF_GetDataBlockInfo(m, 15, 6, &list), MBUF_ERR_BAD_ARG);
-    EXPECT_EQ(MBUF_GetDataBlockInfo(m, 0, 1, nullptr), MBUF_ERR_BAD_ARG);
-    EXPECT_EQ(MBUF_GetDataBlockForKeyChain(nullptr, 0, 1, &list), MBUF_ERR_INVALID_MBUF);
+    const auto bad = MBUF_ERR_BAD_ARG, invalid = MBUF_ERR_INVALID_MBUF;
+    EXPECT_EQ((Lens{MBUF_GetDataBlockNum(m, 0, 0, &num), MBUF_GetDataBlockNum(m, 15, 6, &num),
+                    MBUF_GetDataBlockNum(nullptr, 0, 1, &num),
+                    MBUF_GetDataBlockNum(m, 0, 1, nullptr), MBUF_GetDataBlockInfo(m, 0, 0, &list),
+                    MBUF_GetDataBlockInfo(m, 15, 6, &list), MBUF_GetDataBlockInfo(m, 0, 1, nullptr),
+                    MBUF_GetDataBlockForKeyChain(nullptr, 0, 1, &list)}),
+              (Lens{invalid, invalid, invalid, bad, bad, bad, bad, invalid}));
     m->ulTotalDataLen = 40;
     EXPECT_EQ(MBUF_GetDataBlockInfo(m, 25, 5, &list), MBUF_ERR_NOT_FOUND);
     EXPECT_EQ(MBUF_GetDataBlockNum(m, 25, 5, &num), MBUF_ERR_INVALID_MBUF);
@@ -225,27 +224,23 @@ TEST_F(TraversalTest, PacketListsAreBoundedQueues) {
     MBUF_S *b = BuildChain({InlineNode(2)});
     MBUF_S *c = BuildChain({InlineNode(3)});
     b->pstNextPkt = c;
-    EXPECT_EQ(MBUF_SlistAppend(&list, a), 0u);
-    EXPECT_EQ(MBUF_SlistAppend(&list, b), 0u);
-    EXPECT_EQ(MBUF_SlistAppend(&list, c), 1u);
-    EXPECT_EQ(MBUF_SlistAppend(&list, nullptr), 1u);
-    EXPECT_EQ(MBUF_SlistAppend(nullptr, c), 1u);
-    EXPECT_EQ(list.ulCount, 2u);
-    EXPECT_EQ(MBUF_SlistPeekFirst(&list), a);
-    EXPECT_EQ(MBUF_SlistPeekNext(&list, a), b);
-    EXPECT_EQ(MBUF_SlistPeekNext(&list, b), nullptr);
-    EXPECT_EQ(MBUF_SlistPeekNext(nullptr, a), nullptr);
-    EXPECT_EQ(MBUF_SlistRemoveFirst(&list), a);
-    EXPECT_EQ(a->pstNextPkt, nullptr);
-    EXPECT_EQ(MBUF_SlistRemoveFirst(&list), b);
-    EXPECT_EQ(MBUF_SlistRemoveFirst(&list), nullptr);
+    // Results in call order: appends, then peeks, then removals and the
+    // append that sets the tail again.
+    EXPECT_EQ(
+        (Lens{MBUF_SlistAppend(&list, a), MBUF_SlistAppend(&list, b), MBUF_SlistAppend(&list, c),
+              MBUF_SlistAppend(&list, nullptr), MBUF_SlistAppend(nullptr, c), list.ulCount}),
+        (Lens{0, 0, 1, 1, 1, 2}));
+    EXPECT_EQ(
+        (std::vector<MBUF_S *>{
+            MBUF_SlistPeekFirst(&list), MBUF_SlistPeekNext(&list, a), MBUF_SlistPeekNext(&list, b),
+            MBUF_SlistPeekNext(nullptr, a), MBUF_SlistRemoveFirst(&list), a->pstNextPkt,
+            MBUF_SlistRemoveFirst(&list), MBUF_SlistRemoveFirst(&list), list.pstTail}),
+        (std::vector<MBUF_S *>{a, b, nullptr, nullptr, a, nullptr, b, nullptr, b}));
     EXPECT_EQ(list.ulCount, 0u);
-    EXPECT_EQ(list.pstTail, b);
     EXPECT_EQ(MBUF_SlistAppend(&list, c), 0u);
-    EXPECT_EQ(list.pstTail, c);
-    EXPECT_EQ(MBUF_SlistPeekFirst(&list), c);
-    EXPECT_EQ(MBUF_SlistPeekFirst(nullptr), nullptr);
-    EXPECT_EQ(MBUF_SlistRemoveFirst(nullptr), nullptr);
+    EXPECT_EQ((std::vector<MBUF_S *>{list.pstTail, MBUF_SlistPeekFirst(&list),
+                                     MBUF_SlistPeekFirst(nullptr), MBUF_SlistRemoveFirst(nullptr)}),
+              (std::vector<MBUF_S *>{c, c, nullptr, nullptr}));
     list.pstTail = nullptr;
     EXPECT_EQ(MBUF_SlistAppend(&list, a), 1u);
     EXPECT_EQ(Reports(), (std::vector<Report>{AssertReportNoText("krm_mbuf", 1562)}));

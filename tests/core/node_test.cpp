@@ -42,28 +42,23 @@ TEST_F(NodeTest, InitLaysOutTheNodeAndLeavesExternalWords) {
         const MBUF_S before = node;
         const MBUF_STRUCT_INIT_S init{flag, 7};
         ASSERT_EQ(MBUF_StructInit(&node, 0, &init), 0u);
-        EXPECT_EQ(node.usType, 7);
-        EXPECT_EQ(node.ulFlag, flag);
-        EXPECT_EQ(node.ucByteOrder, MBUF_BYTEORDER_HOST);
-        EXPECT_EQ(node.ucMagic, MBUF_MAGIC_LIVE);
-        EXPECT_EQ(node.pstNext, nullptr);
-        EXPECT_EQ(node.pstNextPkt, nullptr);
+        EXPECT_EQ(std::tie(node.usType, node.ulFlag, node.ucByteOrder, node.ucMagic, node.pstNext,
+                           node.pstNextPkt, node.pucExtBuf, node.ulExtRsv0, node.ulExtRsv1),
+                  std::make_tuple(7, flag, MBUF_BYTEORDER_HOST, MBUF_MAGIC_LIVE, nullptr, nullptr,
+                                  before.pucExtBuf, before.ulExtRsv0, before.ulExtRsv1));
         for (std::size_t off : kClearedAlways) EXPECT_EQ(WordAt(node, off), 0u) << "at " << off;
-        EXPECT_EQ(node.pucExtBuf, before.pucExtBuf);
-        EXPECT_EQ(node.ulExtRsv0, before.ulExtRsv0);
-        EXPECT_EQ(node.ulExtRsv1, before.ulExtRsv1);
         if (!header) {
-            EXPECT_EQ(node.pucData, node.aucInlineData);
-            EXPECT_EQ(node.pstCtlInfo, nullptr);
+            EXPECT_EQ(std::tie(node.pucData, node.pstCtlInfo),
+                      std::make_tuple(node.aucInlineData, nullptr));
             EXPECT_EQ(std::memcmp(node.aucInlineData, before.aucInlineData, MBUF_PLAIN_INLINE_LEN),
                       0);
             continue;
         }
         for (std::size_t off : kClearedInHeader) EXPECT_EQ(WordAt(node, off), 0u) << "at " << off;
-        EXPECT_EQ(node.pucData, node.aucHdrInlineData);
-        EXPECT_EQ(node.pstCtlInfo, &node.stCtlInfo.stBlk);
-        EXPECT_EQ(node.stCtlInfo.stBlk.usCapacity, MBUF_CTL_INIT_CAPACITY);
-        EXPECT_EQ(node.stCtlInfo.stBlk.stComm.ulSocketId, 0xFFFFFFFFu);
+        EXPECT_EQ(std::tie(node.pucData, node.pstCtlInfo, node.stCtlInfo.stBlk.usCapacity,
+                           node.stCtlInfo.stBlk.stComm.ulSocketId),
+                  std::make_tuple(node.aucHdrInlineData, &node.stCtlInfo.stBlk,
+                                  MBUF_CTL_INIT_CAPACITY, 0xFFFFFFFFu));
         EXPECT_EQ(std::memcmp(&node.stExtInfo, &before.stExtInfo, sizeof(node.stExtInfo)), 0);
         ExpectValid(&node);
     }
@@ -96,16 +91,12 @@ TEST_F(NodeTest, ReadersOfAHeadSkipEmptyNodesAndIgnorePlainNodes) {
     n[0].ulTotalDataLen = 10;
     n[2].ulDataLen = 10;
     ExpectValid(n);
-    EXPECT_EQ(MBUF_CalcDataLength(n), 10u);
-    EXPECT_EQ(MBUF_CalcDataLength(&n[3]), 0u);
-    EXPECT_EQ(MBUF_GetTotalDataLength(n), 10u);
-    EXPECT_EQ(MBUF_GetData(n), n[2].pucData);
     // A plain node is not a packet: neither its length nor its data count.
-    EXPECT_EQ(MBUF_GetData(&n[2]), nullptr);
-    EXPECT_EQ(MBUF_GetTotalDataLength(&n[2]), 0u);
-    EXPECT_EQ(MBUF_CalcDataLength(nullptr), 0u);
-    EXPECT_EQ(MBUF_GetTotalDataLength(nullptr), 0u);
-    EXPECT_EQ(MBUF_GetData(nullptr), nullptr);
+    EXPECT_EQ(std::make_tuple(MBUF_CalcDataLength(n), MBUF_CalcDataLength(&n[3]),
+                              MBUF_GetTotalDataLength(n), MBUF_GetData(n), MBUF_GetData(&n[2]),
+                              MBUF_GetTotalDataLength(&n[2]), MBUF_CalcDataLength(nullptr),
+                              MBUF_GetTotalDataLength(nullptr), MBUF_GetData(nullptr)),
+              std::make_tuple(10u, 0u, 10u, n[2].pucData, nullptr, 0u, 0u, 0u, nullptr));
 
     // The next-packet link lives only in headers.
     MBUF_SetNextPktPtr(&n[0], &n[3]);

@@ -66,11 +66,9 @@ TEST_F(DropTextTest, BufferOfFortyBytesIsTheLeast) {
     for (const Lookup fn : {kPath, kSock, kLdm, kLla}) {
         char buf[40];
         std::memset(buf, 'x', sizeof(buf));
-        EXPECT_EQ(fn(0, 39, buf), 0xFFFFFFFFu);
-        EXPECT_EQ(fn(0, 0, buf), 0xFFFFFFFFu);
-        EXPECT_EQ(buf[0], 'x');
-        EXPECT_EQ(fn(0, 40, nullptr), 0xFFFFFFFFu);
-        EXPECT_EQ(fn(0, 40, buf), 0u);
+        EXPECT_EQ((std::vector<std::uint32_t>{fn(0, 39, buf), fn(0, 0, buf), std::uint8_t(buf[0]),
+                                              fn(0, 40, nullptr), fn(0, 40, buf)}),
+                  (std::vector<std::uint32_t>{0xFFFFFFFFu, 0xFFFFFFFFu, 'x', 0xFFFFFFFFu, 0}));
         EXPECT_STREQ(buf, "OK");
     }
     EXPECT_TRUE(krm::test::Reports().empty());

@@ -7,6 +7,7 @@
 #include <algorithm>
 #include <array>
 #include <random>
+#include <tuple>
 
 #include "chain_builder.h"
 #include "host_test.h"
@@ -169,19 +170,21 @@ INSTANTIATE_TEST_SUITE_P(Shapes, TraceMatchTest, ::testing::ValuesIn(StandardSha
 
 TEST_F(TraceTest, AWordAcrossANodeBoundaryNeverMatchesAndOneInsideIsRead) {
     SentPacket sent({InlineNode(12, 6), InlineNode(40)}, 5);
-    EXPECT_EQ(sent.Judge({{8, 0xFFFFFFFFu, WordAt(Payload(52, 5), 8)}}), 0u);
-    EXPECT_EQ(sent.Judge({{9, 0, 0}}), 1u);  // one byte over: any data at all, still no match
-    EXPECT_EQ(sent.Judge({{10, 0, 0}}), 1u);
-    EXPECT_EQ(sent.Judge({{52, 0, 0}}), 1u);  // beyond the packet's end
+    // One byte over: any data at all, still no match; 52 is beyond the end.
+    EXPECT_EQ((std::vector<std::uint32_t>{sent.Judge({{8, 0xFFFFFFFFu, WordAt(Payload(52, 5), 8)}}),
+                                          sent.Judge({{9, 0, 0}}), sent.Judge({{10, 0, 0}}),
+                                          sent.Judge({{52, 0, 0}})}),
+              (std::vector<std::uint32_t>{0, 1, 1, 1}));
 }
 
 TEST_F(TraceTest, BadArgumentsAndPiecesThatLieAreRefusedWithoutReadingOutside) {
     const std::vector<NodeRow> rows = {InlineNode(100), ClusterNode(200, 8)};
     SentPacket sent(rows, 9);
     MBUF_TRACE_COND_S any = Pack({{4, 0, 0}});
-    EXPECT_EQ(MBUF_TRACE_JudgeParaMatch(0, 0, &sent.desc, &any), 1u);
-    EXPECT_EQ(MBUF_TRACE_JudgeParaMatch(0, 1, nullptr, &any), 1u);
-    EXPECT_EQ(MBUF_TRACE_JudgeParaMatch(0, 1, &sent.desc, nullptr), 1u);
+    EXPECT_EQ((std::vector<std::uint32_t>{MBUF_TRACE_JudgeParaMatch(0, 0, &sent.desc, &any),
+                                          MBUF_TRACE_JudgeParaMatch(0, 1, nullptr, &any),
+                                          MBUF_TRACE_JudgeParaMatch(0, 1, &sent.desc, nullptr)}),
+              std::vector<std::uint32_t>(3, 1));
     // Each lie is told about the second node (an external one) or the head;
     // the conditions reach both nodes, so the walk meets every lie.
     using S = SentPacket;
@@ -219,20 +222,18 @@ TEST_F(TraceTest, PacketsReachTheTracePointAndTheirIdentifierLivesInTheHeadBuffe
         std::vector<std::uint32_t>({c.ulArg1, c.ulNum, c.ulArg2, c.ulArg3, c.ulArg4, c.ulArg5}),
         std::vector<std::uint32_t>({5, 1, 6, 7, 8, 9}));
     EXPECT_EQ(c.pPieces, pkt);
-    std::uint32_t id = 0;
+    std::uint32_t id = 0, untouched = 0;
     EXPECT_EQ(MBUF_TRACE_SetTraceId(pkt, 0xC0FFEEu), 0u);
     EXPECT_EQ(MBUF_TRACE_GetTraceId(pkt, &id), 0u);
-    EXPECT_EQ(id, 0xC0FFEEu);
     KRM_HOST_BUF_INFO_S info{};
     ASSERT_EQ(KRM_HOST_BufferInfo(pkt, &info), 0u);
-    EXPECT_EQ(info.ulTraceId, 0xC0FFEEu);
+    EXPECT_EQ(std::tuple(id, info.ulTraceId), std::tuple(0xC0FFEEu, 0xC0FFEEu));
     // Not a packet head: refused before the service is asked.
-    id = 0;
-    EXPECT_EQ(MBUF_TRACE_GetTraceId(pkt->pstNext, &id), 1u);
-    EXPECT_EQ(MBUF_TRACE_SetTraceId(pkt->pstNext, 1), 1u);
-    EXPECT_EQ(MBUF_TRACE_GetTraceId(nullptr, &id), 1u);
-    EXPECT_EQ(MBUF_TRACE_SetTraceId(nullptr, 1), 1u);
-    EXPECT_EQ(id, 0u);
+    EXPECT_EQ((std::vector<std::uint32_t>{MBUF_TRACE_GetTraceId(pkt->pstNext, &untouched),
+                                          MBUF_TRACE_SetTraceId(pkt->pstNext, 1),
+                                          MBUF_TRACE_GetTraceId(nullptr, &untouched),
+                                          MBUF_TRACE_SetTraceId(nullptr, 1), untouched}),
+              (std::vector<std::uint32_t>{1, 1, 1, 1, 0}));
     MBUF_Destroy(pkt);
 }
 

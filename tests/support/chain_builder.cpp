@@ -97,10 +97,6 @@ MBUF_S *BuildChain(const std::vector<NodeRow> &nodes, std::uint32_t seed) {
     return head;
 }
 
-std::vector<std::uint8_t> Flatten(const MBUF_S *pstMbuf) {
-    return PacketBytes(pstMbuf);
-}
-
 std::uint32_t NodeCount(const MBUF_S *pstMbuf) {
     std::uint32_t n = 0;
     for (const MBUF_S *node = pstMbuf; node != nullptr; node = node->pstNext) {

@@ -12,6 +12,7 @@
 #include <vector>
 
 #include "krm_mbuf/mbuf.h"
+#include "mbuf_check.h"
 
 namespace krm::test {
 
@@ -64,7 +65,9 @@ std::vector<std::uint8_t> Payload(std::uint32_t len, std::uint32_t seed = 0,
 MBUF_S *BuildChain(const std::vector<NodeRow> &nodes, std::uint32_t seed = 0);
 
 // The packet's data in order, read node by node along pstNext.
-std::vector<std::uint8_t> Flatten(const MBUF_S *pstMbuf);
+inline std::vector<std::uint8_t> Flatten(const MBUF_S *pstMbuf) {
+    return PacketBytes(pstMbuf);
+}
 
 // Nodes along pstNext (their lengths: NodeLengths in mbuf_check.h).
 std::uint32_t NodeCount(const MBUF_S *pstMbuf);

@@ -27,6 +27,14 @@ Report AssertReportNoText(const std::string &file, std::uint32_t line) {
     return Report{KRM_HOST_REPORT_ASSERT, file, line, 0, 0, false, ""};
 }
 
+Site SiteOf(const void *pBuf) {
+    KRM_HOST_BUF_INFO_S info{};
+    if (KRM_HOST_BufferInfo(pBuf, &info) != 0) {
+        return {"", 0, 0};
+    }
+    return {info.pcFile != nullptr ? info.pcFile : "", info.ulLine, info.ulOwner};
+}
+
 void PrintTo(const Report &report, std::ostream *os) {
     *os << "{kind " << report.kind << ", " << report.file << ":" << report.line;
     if (report.kind == KRM_HOST_REPORT_DIAG) {

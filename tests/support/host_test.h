@@ -7,6 +7,7 @@
 
 #include <cstdint>
 #include <string>
+#include <tuple>
 #include <vector>
 
 #include "krm_host/host.h"
@@ -32,6 +33,11 @@ std::vector<Report> Reports();
 // An assertion report as the library raises it.
 Report AssertReport(const std::string &file, std::uint32_t line, const std::string &text);
 Report AssertReportNoText(const std::string &file, std::uint32_t line);
+
+// Where a live buffer was allocated and for whom: {file, line, owner};
+// {"", 0, 0} when the address is not a live buffer.
+using Site = std::tuple<std::string, std::uint32_t, std::uint32_t>;
+Site SiteOf(const void *pBuf);
 
 // Prints a report readably in failure messages.
 void PrintTo(const Report &report, std::ostream *os);
