@@ -8,6 +8,8 @@
 # build/fuzz/findings/<name>), then "fuzz <name>: passed" or "FAILED".
 # Exits non-zero on any finding. FUZZ_RUNS=n also stops each harness after n
 # executions; FUZZ_NO_BUILD=1 skips the build (for runs started side by side).
+# Runs take seed 1, so that a red run is the code's and can be repeated;
+# FUZZ_SEED=0 asks for a random seed (the long runs use it).
 set -uo pipefail
 cd "$(dirname "$0")/.."
 
@@ -41,7 +43,7 @@ run_one() {
     [[ -f fuzz/dict/$h.dict ]] && dict=(-dict="fuzz/dict/$h.dict")
     ASAN_OPTIONS=detect_leaks=1:abort_on_error=1 UBSAN_OPTIONS=halt_on_error=1:print_stacktrace=1 \
         build/fuzz/fuzz/krm_fuzz_"$h" -max_total_time="$seconds" -max_len="${max_len[$h]:-8192}" \
-        ${FUZZ_RUNS:+-runs=$FUZZ_RUNS} -timeout=10 -rss_limit_mb=2048 -print_final_stats=1 -artifact_prefix="$out/" "${dict[@]}" \
+        -seed="${FUZZ_SEED:-1}" ${FUZZ_RUNS:+-runs=$FUZZ_RUNS} -timeout=10 -rss_limit_mb=2048 -print_final_stats=1 -artifact_prefix="$out/" "${dict[@]}" \
         "$work" "fuzz/corpus/$h" >"$log" 2>&1
 }
 
