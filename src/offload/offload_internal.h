@@ -57,9 +57,33 @@ std::uint16_t Ipv6CheckSum(MBUF_S *pstMbuf, std::uint8_t ucNextHdr, std::uint32_
                            const MBUF_TSO_CTL_INFO_S *pstCtl, std::uint32_t ulModuleId,
                            const SegmentView *pView);
 
-// MBUF_TSO_AdjustTcpIpHdr with an optional payload sum.
+// One segment of a cut: the header copy its header bytes came from (NULL
+// when unknown), its length, the payload bytes before it and its payload's
+// folded sum.
+struct SegmentCut {
+    const MBUF_TSO_CTL_INFO_S *pstCtl;
+    const std::uint8_t *pucHdr;
+    std::uint32_t ulSegLen;
+    std::uint32_t ulBefore;
+    std::uint32_t ulPaySum;
+};
+
+// The fields and checksums an IPv4 segment's header gets.
+struct Ipv4Sums {
+    std::uint16_t usTotalLen;
+    std::uint16_t usId;
+    std::uint16_t usTcp;
+    std::uint16_t usIp;
+};
+
+// The IPv4 segment's fields and checksums from its header copy; false when
+// the header's shape (or an all-ones sum) needs the segment's own bytes.
+bool Ipv4SumsFromCopy(const SegmentCut &stCut, Ipv4Sums *pstSums);
+
+// MBUF_TSO_AdjustTcpIpHdr with an optional payload sum and the header copy
+// the segment's header bytes came from (either may be NULL).
 std::int32_t AdjustTcpIpHdr(MBUF_S *pstSeg, std::uint32_t ulSegLen, std::uint32_t ulSrcOffset,
                             const MBUF_TSO_CTL_INFO_S *pstCtl, std::uint32_t ulModuleId,
-                            const std::uint32_t *pulPayloadSum);
+                            const std::uint32_t *pulPayloadSum, const std::uint8_t *pucHdrCopy);
 
 }  // namespace krm::offload

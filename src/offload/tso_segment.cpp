@@ -51,6 +51,15 @@ bool TakeSourceHeader(MBUF_S *pstSeg, MBUF_S *pstSrc, std::uint32_t ulSegLen,
     return true;
 }
 
+// A payload sum taken before the header step still holds when every byte
+// that step writes lies in the header: the TCP sequence number and
+// checksum, and the 20 bytes of pseudo-header laid over the IP header.
+bool ViewHoldsChanges(const MBUF_TSO_CTL_INFO_S &stCtl, std::uint32_t ulHdrLen) {
+    const std::uint32_t ulIpOff = stCtl.usIpOffset;
+    const std::uint32_t ulTcpOff = ulIpOff + stCtl.usIpHdrLen;
+    return ulHdrLen >= ulIpOff && ulTcpOff + 18 <= ulHdrLen && ulIpOff + 20 <= ulHdrLen;
+}
+
 // The TCP checksum of an IPv4 segment: the first ulIpHdrLen (at most 60)
 // header bytes are cleared and overlaid with a pseudo-header whose length
 // takes the IPv4 header as 20 bytes even when it is longer (kept: peers
@@ -73,7 +82,7 @@ std::uint16_t Ipv4TcpCheckSum(MBUF_S *pstSeg, std::uint8_t *pucSeg, std::uint32_
     if (pstSeg->ulTotalDataLen >= ulSegLen) {
         const std::uint32_t ulHdrLen = HeaderLen(stCtl);
         const SegmentView view{pucSeg, ulSegLen, ulHdrLen, pulPaySum != nullptr ? *pulPaySum : 0};
-        usSum = pulPaySum != nullptr && ulHdrLen >= ulIpOff
+        usSum = pulPaySum != nullptr && ViewHoldsChanges(stCtl, ulHdrLen)
                     ? Complement(SumSegmentFrom(view, ulIpOff))
                     : MBUF_CheckSum_Off(pstSeg, ulIpOff, ulSegLen - ulIpOff);
     }
@@ -99,6 +108,31 @@ void AdjustIpv4(MBUF_S *pstSeg, std::uint8_t *pucIp, std::uint32_t ulSegLen, std
                        ulIpEnd <= pstSeg->ulTotalDataLen;
     StoreBe16(pucIp + 10, bHere ? Complement(SumBytes(pucIp, stCtl.usIpHdrLen))
                                 : MBUF_CheckSum_Off(pstSeg, stCtl.usIpOffset, stCtl.usIpHdrLen));
+}
+
+// The IPv4 header step of a segment filled from a header copy, its fields
+// and both checksums computed from the copy; false (nothing written) where
+// the segment's bytes must be read as the step leaves them.
+bool Ipv4FromCopy(const MBUF_S *pstSeg, std::uint8_t *pucSeg, SegmentCut stCut,
+                  const std::uint32_t *pulPaySum) {
+    const MBUF_TSO_CTL_INFO_S &stCtl = *stCut.pstCtl;
+    const std::uint32_t ulHdrLen = HeaderLen(stCtl);
+    Ipv4Sums stSums{};
+    if (stCut.pucHdr == nullptr || pulPaySum == nullptr ||
+        pstSeg->ulTotalDataLen < stCut.ulSegLen || (pstSeg->ulFlag & MBUF_PKTHDR) == 0 ||
+        !ViewHoldsChanges(stCtl, ulHdrLen)) {
+        return false;
+    }
+    stCut.ulPaySum = *pulPaySum;
+    if (!Ipv4SumsFromCopy(stCut, &stSums)) {
+        return false;
+    }
+    std::uint8_t *pucIp = pucSeg + stCtl.usIpOffset;
+    StoreBe16(pucIp + stCtl.usIpHdrLen + 16, stSums.usTcp);
+    StoreBe16(pucIp + 2, stSums.usTotalLen);
+    StoreBe16(pucIp + 4, stSums.usId);
+    StoreBe16(pucIp + 10, stSums.usIp);
+    return true;
 }
 
 std::int32_t CpyData(MBUF_S *pstSrc, const MBUF_TSO_CPY_CTX_S &stCtx, std::uint32_t ulModuleId) {
@@ -130,14 +164,15 @@ std::int32_t CpyData(MBUF_S *pstSrc, const MBUF_TSO_CPY_CTX_S &stCtx, std::uint3
     if (!TakeSourceHeader(stCtx.pstSeg, pstSrc, ulSegLen, ulModuleId)) {
         return -1;
     }
-    return AdjustTcpIpHdr(stCtx.pstSeg, ulSegLen, ulSrcOff, stCtx.pstCtl, ulModuleId, &ulPaySum);
+    return AdjustTcpIpHdr(stCtx.pstSeg, ulSegLen, ulSrcOff, stCtx.pstCtl, ulModuleId, &ulPaySum,
+                          rc == 0 ? stCtx.pucHdr : nullptr);
 }
 
 }  // namespace
 
 std::int32_t AdjustTcpIpHdr(MBUF_S *pstSeg, std::uint32_t ulSegLen, std::uint32_t ulSrcOffset,
                             const MBUF_TSO_CTL_INFO_S *pstCtl, std::uint32_t ulModuleId,
-                            const std::uint32_t *pulPayloadSum) {
+                            const std::uint32_t *pulPayloadSum, const std::uint8_t *pucHdrCopy) {
     if (pstCtl == nullptr) {
         return -1;
     }
@@ -160,15 +195,20 @@ std::int32_t AdjustTcpIpHdr(MBUF_S *pstSeg, std::uint32_t ulSegLen, std::uint32_
     StoreBe32(pucTcp + 4, LoadBe32(pucTcp + 4) + ulBefore);
     std::uint8_t *pucIp = pucSeg + ulIpOff;
     if (ulVersion == 4) {
-        StoreBe16(pucTcp + 16, Ipv4TcpCheckSum(pstSeg, pucSeg, ulSegLen, *pstCtl, pulPayloadSum));
-        AdjustIpv4(pstSeg, pucIp, ulSegLen, ulBefore, *pstCtl);
+        if (!Ipv4FromCopy(pstSeg, pucSeg, SegmentCut{pstCtl, pucHdrCopy, ulSegLen, ulBefore, 0},
+                          pulPayloadSum)) {
+            StoreBe16(pucTcp + 16,
+                      Ipv4TcpCheckSum(pstSeg, pucSeg, ulSegLen, *pstCtl, pulPayloadSum));
+            AdjustIpv4(pstSeg, pucIp, ulSegLen, ulBefore, *pstCtl);
+        }
     } else if (ulVersion == 6) {
         const std::uint32_t ulLen =
             static_cast<std::uint16_t>(ulSegLen - ulIpOff - pstCtl->usIpHdrLen);
         StoreBe16(pucIp + 4, static_cast<std::uint16_t>(ulLen));
         const SegmentView view{pucSeg, ulSegLen, ulHdrLen,
                                pulPayloadSum != nullptr ? *pulPayloadSum : 0};
-        const bool bView = pulPayloadSum != nullptr && pstSeg->ulTotalDataLen >= ulSegLen;
+        const bool bView = pulPayloadSum != nullptr && pstSeg->ulTotalDataLen >= ulSegLen &&
+                           ViewHoldsChanges(*pstCtl, ulHdrLen);
         StoreBe16(pucTcp + 16,
                   Ipv6CheckSum(pstSeg, 6, ulLen, pstCtl, ulModuleId, bView ? &view : nullptr));
     }
@@ -208,7 +248,7 @@ int32_t MBUF_TSO_CpyDataAndModifyInfo(MBUF_S *pstMbuf, MBUF_TSO_CPY_CTX_S *pstCt
 
 int32_t MBUF_TSO_AdjustTcpIpHdr(MBUF_S *pstSeg, uint32_t ulSegLen, uint32_t ulSrcOffset,
                                 const MBUF_TSO_CTL_INFO_S *pstCtl, uint32_t ulModuleId) {
-    return AdjustTcpIpHdr(pstSeg, ulSegLen, ulSrcOffset, pstCtl, ulModuleId, nullptr);
+    return AdjustTcpIpHdr(pstSeg, ulSegLen, ulSrcOffset, pstCtl, ulModuleId, nullptr, nullptr);
 }
 
 uint32_t MBUF_TSO_GetMbuf(MBUF_S *pstMbuf, MBUF_S **ppstSegs, uint32_t ulArraySize,

@@ -78,6 +78,9 @@ const FrameRow kFrames[] = {
     {"V6ThreeFull", {6, 14, 40, 20, 3 * 1440, 1440, 0x18}},
     {"V6OneMore", {6, 0, 40, 32, 2 * 1220 + 1, 1220, 0x19}},
     {"V6ExtHeader", {6, 5, 56, 20, 4001, 1000, 0x18}},
+    // A TCP length claimed below 18 puts the checksum field in the payload.
+    {"V4ShortTcpClaim", {4, 14, 20, 8, 3 * 500 + 50, 500, 0x18}},
+    {"V6ShortTcpClaim", {6, 14, 40, 12, 3 * 500 + 50, 500, 0x18}},
 };
 
 TEST_F(TsoTest, SegmentsMatchTheModelOnEverySplit) {
