@@ -14,14 +14,6 @@
 namespace krm::tool {
 namespace {
 
-struct CaptureArgs {
-    std::uint32_t ulPipe = 0;
-    std::string strOut;
-    std::string strSocket;
-    std::uint32_t ulCount = 0;  // 0: until the timeout
-    std::uint32_t ulTimeoutS = 30;
-};
-
 // Frees the pieces of a package nobody rebuilds.
 void Release(std::uint32_t ulCount, const MBUF_TRANS_DESC_S *pstDescs) {
     for (std::uint32_t i = 0; i < ulCount; ++i) {
@@ -32,6 +24,8 @@ void Release(std::uint32_t ulCount, const MBUF_TRANS_DESC_S *pstDescs) {
         }
     }
 }
+
+}  // namespace
 
 int Capture(const CaptureArgs &a) {
     const std::string strSock = a.strSocket.empty()
@@ -71,25 +65,6 @@ int Capture(const CaptureArgs &a) {
     }
     std::fprintf(stderr, "krm-mbuf: %u packets captured\n", ulSeen);
     return a.ulCount == 0 || ulSeen == a.ulCount ? kExitOk : kExitFailed;
-}
-
-}  // namespace
-
-Run AddCapture(CLI::App &stApp) {
-    auto pArgs = std::make_shared<CaptureArgs>();
-    CLI::App *pSub = stApp.add_subcommand(
-        "capture", "Tap a host pipe and write the packets that pass it as pcapng");
-    pSub->add_option("--pipe", pArgs->ulPipe, "pipe identifier")
-        ->required()
-        ->check(CLI::Range(0u, KRM_HOST_PIPE_MAX - 1));
-    pSub->add_option("--out", pArgs->strOut, "pcapng file, - for standard output")->required();
-    pSub->add_option(
-        "--socket", pArgs->strSocket,
-        "socket the writing process connects to (default /tmp/krm-mbuf-pipe<ID>.sock)");
-    pSub->add_option("--count", pArgs->ulCount, "stop after this many packets (0: no limit)");
-    pSub->add_option("--timeout", pArgs->ulTimeoutS, "stop when nothing came for this many seconds")
-        ->capture_default_str();
-    return [pArgs] { return Capture(*pArgs); };
 }
 
 }  // namespace krm::tool

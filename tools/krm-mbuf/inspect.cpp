@@ -13,11 +13,6 @@ namespace {
 // Inputs beyond this are not a packet form the library writes.
 constexpr std::size_t kMaxInput = 64u << 20;
 
-struct InspectArgs {
-    std::string strFile = "-";
-    bool bJson = false;
-};
-
 bool ReadAll(const std::string &strFile, std::vector<std::uint8_t> &v) {
     std::FILE *pIn = strFile == "-" ? stdin : std::fopen(strFile.c_str(), "rb");
     if (pIn == nullptr) {
@@ -40,6 +35,8 @@ bool ReadAll(const std::string &strFile, std::vector<std::uint8_t> &v) {
     return true;
 }
 
+}  // namespace
+
 int Inspect(const InspectArgs &stArgs) {
     std::vector<std::uint8_t> v;
     if (!ReadAll(stArgs.strFile, v)) {
@@ -60,22 +57,8 @@ int Inspect(const InspectArgs &stArgs) {
     return kExitOk;
 }
 
-}  // namespace
-
 void Complain(const std::string &strWhat) {
     std::fprintf(stderr, "krm-mbuf: %s\n", strWhat.c_str());
-}
-
-Run AddInspect(CLI::App &stApp) {
-    auto pArgs = std::make_shared<InspectArgs>();
-    CLI::App *pSub = stApp.add_subcommand(
-        "inspect",
-        "Decode a TLV stream, serial image, message or saved pipe package (kind and byte "
-        "order detected) and print the packet");
-    pSub->add_option("file", pArgs->strFile, "input file, - for standard input")
-        ->capture_default_str();
-    pSub->add_flag("--json", pArgs->bJson, "one JSON document instead of text");
-    return [pArgs] { return Inspect(*pArgs); };
 }
 
 }  // namespace krm::tool

@@ -20,18 +20,6 @@ extern char **environ;
 namespace krm::tool {
 namespace {
 
-struct RoadArgs {
-    std::string strPeer = "native";
-    std::string strPeerExe;
-    std::string strVia = "pipe";
-    std::string strCapture;
-    std::string strSocket;  // peer role: where the sender listens
-    std::string strSaveDir;
-    std::uint32_t ulPipe = kRoadPipe;  // peer role
-    std::uint32_t ulEmit = 0;          // peer role: only send this many packets, take none back
-    std::uint32_t ulPackets = 8;
-};
-
 constexpr const char *kQemu = "/usr/bin/qemu-ppc";
 constexpr const char *kPpcRoot = "/usr/powerpc-linux-gnu";
 constexpr const char *kPpcExe = "build/ppc/tools/krm-mbuf/krm-mbuf";
@@ -226,6 +214,21 @@ int WaitPeer(pid_t pid) {
     return WIFEXITED(iStatus) ? WEXITSTATUS(iStatus) : 128 + WTERMSIG(iStatus);
 }
 
+// A writer for capture: sends samples and takes nothing back.
+int Emit(Endpoint &stEnd, std::uint32_t ulCount) {
+    for (std::uint32_t i = 0; i < ulCount; ++i) {
+        MBUF_S *pstPkt = MakeSample(i);
+        if (pstPkt == nullptr || stEnd.Send(pstPkt) != 0) {
+            std::fprintf(stderr, "peer: packet %u could not be sent\n", i);
+            return kExitFailed;
+        }
+    }
+    stEnd.Close();
+    return kExitOk;
+}
+
+}  // namespace
+
 int Road(const RoadArgs &a) {
     const std::string strSock = "/tmp/krm-mbuf-road-" + std::to_string(getpid()) + ".sock";
     std::unique_ptr<std::FILE, int (*)(std::FILE *)> pCap(nullptr, std::fclose);
@@ -283,19 +286,6 @@ int Road(const RoadArgs &a) {
     return bOk && iPeerRc == 0 && stTotals.ulSame == a.ulPackets ? kExitOk : kExitFailed;
 }
 
-// A writer for capture: sends samples and takes nothing back.
-int Emit(Endpoint &stEnd, std::uint32_t ulCount) {
-    for (std::uint32_t i = 0; i < ulCount; ++i) {
-        MBUF_S *pstPkt = MakeSample(i);
-        if (pstPkt == nullptr || stEnd.Send(pstPkt) != 0) {
-            std::fprintf(stderr, "peer: packet %u could not be sent\n", i);
-            return kExitFailed;
-        }
-    }
-    stEnd.Close();
-    return kExitOk;
-}
-
 int Peer(const RoadArgs &a) {
     Endpoint stEnd(a.strVia, nullptr, a.ulPipe);
     stEnd.SavePackages(a.strSaveDir);
@@ -332,43 +322,6 @@ int Peer(const RoadArgs &a) {
     }
     stEnd.Close();
     return iRc;
-}
-
-void AddWayOptions(CLI::App *pSub, RoadArgs &a) {
-    pSub->add_option("--via", a.strVia, "pipe (piece lists), message, tlv or image")
-        ->check(CLI::IsMember({"pipe", "message", "tlv", "image"}))
-        ->capture_default_str();
-    pSub->add_option("--packets", a.ulPackets, "packets to send")
-        ->check(CLI::Range(1u, 100000u))
-        ->capture_default_str();
-}
-
-}  // namespace
-
-Run AddRoad(CLI::App &stApp) {
-    auto pArgs = std::make_shared<RoadArgs>();
-    CLI::App *pSub = stApp.add_subcommand(
-        "road", "Send packets with records and stamps to a peer process and back (the default)");
-    pSub->add_option("--peer", pArgs->strPeer,
-                     "native, or ppc: the big-endian build under qemu-ppc")
-        ->check(CLI::IsMember({"native", "ppc"}))
-        ->capture_default_str();
-    pSub->add_option("--peer-exe", pArgs->strPeerExe, "run this krm-mbuf as the peer");
-    pSub->add_option("--capture", pArgs->strCapture, "write both directions to this pcapng file");
-    pSub->add_option("--save-packages", pArgs->strSaveDir,
-                     "save every package this end sends into this directory (for inspect)")
-        ->check(CLI::ExistingDirectory);
-    AddWayOptions(pSub, *pArgs);
-
-    CLI::App *pPeer = stApp.add_subcommand("peer", "The far end of road (started by road)");
-    pPeer->group("");
-    pPeer->add_option("--socket", pArgs->strSocket, "the socket road listens on")->required();
-    pPeer->add_option("--pipe", pArgs->ulPipe, "the pipe to bind")->check(CLI::Range(0u, 63u));
-    pPeer->add_option("--emit", pArgs->ulEmit,
-                      "only send this many packets (a writer for capture)");
-    pPeer->add_option("--save-packages", pArgs->strSaveDir, "save every package sent here");
-    AddWayOptions(pPeer, *pArgs);
-    return [pArgs, pPeer] { return pPeer->parsed() ? Peer(*pArgs) : Road(*pArgs); };
 }
 
 }  // namespace krm::tool

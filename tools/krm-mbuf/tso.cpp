@@ -16,12 +16,6 @@
 namespace krm::tool {
 namespace {
 
-struct TsoArgs {
-    std::uint32_t ulMss = 1460;
-    std::string strIn;
-    std::string strOut;
-};
-
 struct Counts {
     std::uint32_t ulRead = 0, ulCut = 0, ulSegs = 0, ulCopied = 0, ulRefused = 0;
 };
@@ -119,6 +113,8 @@ bool Cut(const std::uint8_t *p, std::size_t ulFrame, const MBUF_TSO_TLV_S &t, Pc
     return true;
 }
 
+}  // namespace
+
 int Tso(const TsoArgs &a) {
     char acErr[PCAP_ERRBUF_SIZE] = {};
     std::unique_ptr<pcap_t, void (*)(pcap_t *)> pIn(pcap_open_offline(a.strIn.c_str(), acErr),
@@ -161,20 +157,6 @@ int Tso(const TsoArgs &a) {
                  "krm-mbuf: %u packets read, %u cut into %u segments, %u copied (%u refused)\n",
                  c.ulRead, c.ulCut, c.ulSegs, c.ulCopied, c.ulRefused);
     return w.Good() && c.ulRefused == 0 ? kExitOk : kExitFailed;
-}
-
-}  // namespace
-
-Run AddTso(CLI::App &stApp) {
-    auto pArgs = std::make_shared<TsoArgs>();
-    CLI::App *pSub = stApp.add_subcommand(
-        "tso", "Segment every TCP packet of a pcap/pcapng whose payload exceeds the MSS");
-    pSub->add_option("--mss", pArgs->ulMss, "maximum segment size")
-        ->required()
-        ->check(CLI::Range(1u, 65535u));
-    pSub->add_option("in", pArgs->strIn, "pcap or pcapng to read")->required();
-    pSub->add_option("out", pArgs->strOut, "pcapng to write, - for standard output")->required();
-    return [pArgs] { return Tso(*pArgs); };
 }
 
 }  // namespace krm::tool
