@@ -10,9 +10,7 @@
 
 #include "host_test.h"
 #include "internal/bytes.h"
-#include "krm_host/pipe.h"
 #include "krm_mbuf/mbuf.h"
-#include "recorder.h"
 #include "sample.h"
 #include "wire.h"
 
@@ -150,46 +148,6 @@ TEST_F(WireTest, JunkIsNoPacketForm) {
         Decoded d;
         EXPECT_TRUE(Decode(v.data(), v.size(), &d)) << v.size() << " bytes accepted";
     }
-}
-
-// Packages as the pipe carries them: the sample packets written to an
-// in-process pipe, seen by its tap, decode to the packet that was sent.
-struct Tapped {
-    std::vector<std::vector<std::uint8_t>> vFiles;
-};
-
-void TapInto(std::uint32_t, std::uint32_t ulCount, const MBUF_TRANS_DESC_S *pstPkts, void *pArg) {
-    static_cast<Tapped *>(pArg)->vFiles.push_back(EncodePackage(WriterPieces(ulCount, pstPkts)));
-}
-
-TEST_F(WireTest, PipePackagesDecodeToTheSentPacket) {
-    constexpr std::uint32_t kPipe = 3;
-    ASSERT_EQ(KRM_HOST_PipeOpen(kPipe, 0), 0u);
-    Tapped stTapped;
-    KRM_HOST_PipeSetTap(kPipe, TapInto, &stTapped);
-    for (std::uint32_t i = 0; i < 8; ++i) {
-        SCOPED_TRACE(i);
-        MBUF_S *pstPkt = MakeSample(i);
-        ASSERT_NE(pstPkt, nullptr);
-        const Snapshot stWant = Snap(pstPkt);
-        MBUF_IOVEC_S astIov[MBUF_PIPE_MAX_IOVEC];
-        ASSERT_EQ(MBUF_Send(kPipe, pstPkt, astIov), 0u);
-        ASSERT_EQ(stTapped.vFiles.size(), i + 1);
-        const auto &v = stTapped.vFiles.back();
-        Decoded d;
-        const auto oErr = Decode(v.data(), v.size(), &d);
-        ASSERT_FALSE(oErr) << *oErr;
-        EXPECT_EQ(d.eKind, WireKind::kPipePackage);
-        EXPECT_EQ(d.ucOrder, MBUF_BYTEORDER_HOST);
-        ExpectPacket(d, stWant, true);
-        // Cut packages are refused, never read past.
-        for (std::size_t n = 0; n < v.size(); n += 7) {
-            Decoded dCut;
-            EXPECT_TRUE(Decode(v.data(), n, &dCut)) << n;
-        }
-    }
-    KRM_HOST_PipeSetTap(kPipe, nullptr, nullptr);
-    ASSERT_EQ(KRM_HOST_PipeClose(kPipe), 0u);
 }
 
 }  // namespace
