@@ -169,6 +169,7 @@ TEST_F(ClockTest, SubtractionRefusesANegativeResultAndStrCmpOrdersNullFirst) {
         {0x100000000ull, 1, true, 0xFFFFFFFFull},
         {7, 7, true, 0},
         {1, 0x100000000ull, false, 0},
+        {5, 6, false, 0},
     };
     for (const auto &[a, b, ok, difference] : cases) {
         SCOPED_TRACE(std::to_string(a) + " - " + std::to_string(b));
@@ -180,7 +181,7 @@ TEST_F(ClockTest, SubtractionRefusesANegativeResultAndStrCmpOrdersNullFirst) {
     }
     const std::tuple<const char *, const char *, int> strings[] = {
         {nullptr, nullptr, 0}, {nullptr, "", -1}, {"", nullptr, 1},
-        {"b", "a", 1},         {"ab", "abc", -1},
+        {"b", "a", 1},         {"abc", "abc", 0}, {"ab", "abc", -1},
     };
     for (const auto &[x, y, sign] : strings) {
         const std::int32_t rc = BEX_StrCmp(x, y);

@@ -197,11 +197,13 @@ const BadFree kBadFrees[] = {
     {kPrivate, 900, 0, true, false, "was already freed"},
     {kPipe, 5000, 0, true, true, "is not a live buffer of this platform"},
     {kPipe, 100, 8, false, true, "is not the start of a buffer"},
+    {kPipe, 936, -16, false, true, "is not the start of a buffer"},
     {kPipe, 5000, 4096, false, true, "is not the start of a buffer"},
     {kPipe, 1960, 64, false, true, "is not the start of a buffer"},
     {kStatic, 0, 0, false, true, "is not a live buffer of this platform"},
     {kSystem, 64, 0, false, false, "is not a live buffer of this platform"},
     {kPrivate, 200, 0, false, true, "is private memory, not a pipe buffer"},
+    {kPrivate, 9000, 0, false, true, "is private memory, not a pipe buffer"},
     {kPipe, 200, 0, false, false, "is a pipe buffer, not private memory"},
 };
 

@@ -70,17 +70,6 @@ int EchoPeer(const std::string &dirPath) {
     return 7;
 }
 
-// Live buffers the test allocated itself.
-std::uint32_t LiveFromTest() {
-    std::uint32_t n = 0;
-    (void)KRM_HOST_VisitLiveBuffers(
-        [](const KRM_HOST_BUF_INFO_S *info, void *arg) {
-            *static_cast<std::uint32_t *>(arg) += std::string(info->pcFile) == kAllocFile ? 1 : 0;
-        },
-        &n);
-    return n;
-}
-
 class PipeSocketTest : public HostTest {};
 
 // Two messages go to the peer and come back with type + 1.
@@ -101,7 +90,8 @@ void MessagesComeBack() {
 
 // Packages of every shape and two messages go to a peer process started by
 // runPeer (in a forked child, given the socket directory) and must come back
-// byte for byte, in buffers of the sizes they left in.
+// byte for byte, in buffers of the sizes they left in. A writer's buffer not
+// released by the socket write fails the fixture's leak check.
 void RoundTrip(const std::function<int(const std::string &)> &runPeer) {
     TempDir dir;
     ASSERT_FALSE(dir.path.empty());
@@ -138,8 +128,6 @@ void RoundTrip(const std::function<int(const std::string &)> &runPeer) {
         }
         ASSERT_EQ(KRM_PipeWriteIovecIntra(kNetPipe, descs.size(), descs.data()), 0u);
         ASSERT_GT(KRM_HOST_PipeWait(kNetPipe, 10000), 0u);
-        // Only now: the echo's buffers were made on the link's thread.
-        EXPECT_EQ(LiveFromTest(), 0u) << "sent, and the writer's buffers released";
         const GotPackage got = ReadOne(kNetPipe, 64);
         ASSERT_EQ(got.packets.size(), pkts.size());
         for (std::size_t p = 0; p < pkts.size() && !last; ++p) {
@@ -218,6 +206,7 @@ struct BrokenRow {
 // clang-format off
 const BrokenRow kBrokenRows[] = {
     {"a sound frame", [](RawFrame *) {}, nullptr, false},
+    {"header cut off", [](RawFrame *f) { f->cut = 10; }, "short", false},
     {"body cut off", [](RawFrame *f) { f->cut = 32 + 4 + 20 + 2; }, "short", false},
     {"length above the limit", [](RawFrame *f) { f->total = 64u << 20; }, "oversized", false},
     {"not a frame", [](RawFrame *f) { f->magic = 0x12345678; }, "inconsistent", false},
@@ -225,8 +214,10 @@ const BrokenRow kBrokenRows[] = {
     {"piece counts do not add up", [](RawFrame *f) { f->recs.push_back({64, 0, 0, 0, 0}); }, "inconsistent", true},
     {"records run past the frame", [](RawFrame *f) { f->pieces = 3; }, "short", true},
     {"piece longer than its buffer", [](RawFrame *f) { f->recs[0][0] = 4; }, "inconsistent", true},
+    {"lengths run past the frame", [](RawFrame *f) { f->recs[0][1] = 9; }, "short", true},
     {"bytes left over", [](RawFrame *f) { f->data.push_back(6); }, "inconsistent", true},
     {"buffers beyond the limit", [](RawFrame *f) { f->recs[0][0] = 0x10000000; }, "oversized", true},
+    {"no packets", [](RawFrame *f) { f->counts.clear(); }, "inconsistent", true},
     {"an empty packet", [](RawFrame *f) { f->counts = {0, 1}; }, "inconsistent", true},
     {"too many pieces in a packet", [](RawFrame *f) { f->counts = {91}; }, "inconsistent", true},
     {"another pipe's frame", [](RawFrame *f) { f->id = kNetPipe + 1; }, "inconsistent", true},
