@@ -100,9 +100,9 @@ class WireTest : public test::HostTest {};
 
 // Each form of each sample packet decodes to what was written; every strict
 // prefix of a form is refused with a one-line reason, except an image cut
-// right after its data (a valid image without block); flipping any byte
-// never makes the decoder read outside the buffer (the sanitizer build
-// watches that). The other byte order is read in the golden files.
+// right after its data (a valid image without block). The other byte order
+// is read in the golden files; corrupted forms are the inspect fuzz
+// harness's, which decodes any bytes as every form.
 TEST_F(WireTest, EachFormDecodesToWhatWasWrittenAndCutsAreRefused) {
     for (std::uint32_t i = 0; i < 8; ++i) {
         MBUF_S *pkt = MakeSample(i);
@@ -123,13 +123,6 @@ TEST_F(WireTest, EachFormDecodesToWhatWasWrittenAndCutsAreRefused) {
                 const auto oCut = Decode(v.data(), n, &d);
                 EXPECT_EQ(!oCut, n == ulBare) << "prefix of " << n << " bytes";
                 EXPECT_EQ(oCut ? oCut->find('\n') : std::string::npos, std::string::npos);
-            }
-            for (std::size_t at = 0; at < v.size() && i < 2; ++at) {
-                for (const std::uint8_t ucFlip : {0x01, 0x80, 0xFF}) {
-                    Buf vBad = v;
-                    vBad[at] ^= ucFlip;
-                    (void)Decode(vBad.data(), vBad.size(), &d);
-                }
             }
         }
         MBUF_Destroy(pkt);
