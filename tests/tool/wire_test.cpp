@@ -10,9 +10,7 @@
 
 #include "host_test.h"
 #include "internal/bytes.h"
-#include "krm_host/pipe.h"
 #include "krm_mbuf/mbuf.h"
-#include "recorder.h"
 #include "sample.h"
 #include "wire.h"
 
@@ -102,9 +100,9 @@ class WireTest : public test::HostTest {};
 
 // Each form of each sample packet decodes to what was written; every strict
 // prefix of a form is refused with a one-line reason, except an image cut
-// right after its data (a valid image without block); flipping any byte
-// never makes the decoder read outside the buffer (the sanitizer build
-// watches that). The other byte order is read in the golden files.
+// right after its data (a valid image without block). The other byte order
+// is read in the golden files; corrupted forms are the inspect fuzz
+// harness's, which decodes any bytes as every form.
 TEST_F(WireTest, EachFormDecodesToWhatWasWrittenAndCutsAreRefused) {
     for (std::uint32_t i = 0; i < 8; ++i) {
         MBUF_S *pkt = MakeSample(i);
@@ -126,13 +124,6 @@ TEST_F(WireTest, EachFormDecodesToWhatWasWrittenAndCutsAreRefused) {
                 EXPECT_EQ(!oCut, n == ulBare) << "prefix of " << n << " bytes";
                 EXPECT_EQ(oCut ? oCut->find('\n') : std::string::npos, std::string::npos);
             }
-            for (std::size_t at = 0; at < v.size() && i < 2; ++at) {
-                for (const std::uint8_t ucFlip : {0x01, 0x80, 0xFF}) {
-                    Buf vBad = v;
-                    vBad[at] ^= ucFlip;
-                    (void)Decode(vBad.data(), vBad.size(), &d);
-                }
-            }
         }
         MBUF_Destroy(pkt);
     }
@@ -150,46 +141,6 @@ TEST_F(WireTest, JunkIsNoPacketForm) {
         Decoded d;
         EXPECT_TRUE(Decode(v.data(), v.size(), &d)) << v.size() << " bytes accepted";
     }
-}
-
-// Packages as the pipe carries them: the sample packets written to an
-// in-process pipe, seen by its tap, decode to the packet that was sent.
-struct Tapped {
-    std::vector<std::vector<std::uint8_t>> vFiles;
-};
-
-void TapInto(std::uint32_t, std::uint32_t ulCount, const MBUF_TRANS_DESC_S *pstPkts, void *pArg) {
-    static_cast<Tapped *>(pArg)->vFiles.push_back(EncodePackage(WriterPieces(ulCount, pstPkts)));
-}
-
-TEST_F(WireTest, PipePackagesDecodeToTheSentPacket) {
-    constexpr std::uint32_t kPipe = 3;
-    ASSERT_EQ(KRM_HOST_PipeOpen(kPipe, 0), 0u);
-    Tapped stTapped;
-    KRM_HOST_PipeSetTap(kPipe, TapInto, &stTapped);
-    for (std::uint32_t i = 0; i < 8; ++i) {
-        SCOPED_TRACE(i);
-        MBUF_S *pstPkt = MakeSample(i);
-        ASSERT_NE(pstPkt, nullptr);
-        const Snapshot stWant = Snap(pstPkt);
-        MBUF_IOVEC_S astIov[MBUF_PIPE_MAX_IOVEC];
-        ASSERT_EQ(MBUF_Send(kPipe, pstPkt, astIov), 0u);
-        ASSERT_EQ(stTapped.vFiles.size(), i + 1);
-        const auto &v = stTapped.vFiles.back();
-        Decoded d;
-        const auto oErr = Decode(v.data(), v.size(), &d);
-        ASSERT_FALSE(oErr) << *oErr;
-        EXPECT_EQ(d.eKind, WireKind::kPipePackage);
-        EXPECT_EQ(d.ucOrder, MBUF_BYTEORDER_HOST);
-        ExpectPacket(d, stWant, true);
-        // Cut packages are refused, never read past.
-        for (std::size_t n = 0; n < v.size(); n += 7) {
-            Decoded dCut;
-            EXPECT_TRUE(Decode(v.data(), n, &dCut)) << n;
-        }
-    }
-    KRM_HOST_PipeSetTap(kPipe, nullptr, nullptr);
-    ASSERT_EQ(KRM_HOST_PipeClose(kPipe), 0u);
 }
 
 }  // namespace
