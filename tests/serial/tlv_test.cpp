@@ -229,12 +229,11 @@ TEST_F(TlvTest, FixedRecordsTakeTheLargerLength) {
     Bytes b = Build({Counting(30, 1), {{2, Counting(28, 1)}, {11, Counting(8, 9)}}});
     MBUF_S *pkt = ReadTlv(b);
     ASSERT_NE(pkt, nullptr);
-    EXPECT_EQ(MBUF_GetControlLen(pkt, 2), 32u);
-    EXPECT_EQ(RecordBytes(pkt, 2, 28), Counting(28, 1));
-    EXPECT_EQ(MBUF_GetControlLen(pkt, 11), 40u);
     Bytes want = Counting(8, 9);
     want.resize(40, 0);
-    EXPECT_EQ(RecordBytes(pkt, 11, 40), want);
+    EXPECT_EQ(std::tuple(MBUF_GetControlLen(pkt, 2), RecordBytes(pkt, 2, 28),
+                         MBUF_GetControlLen(pkt, 11), RecordBytes(pkt, 11, 40)),
+              std::tuple(32u, Counting(28, 1), 40u, want));
     Bytes c = Build({Counting(30, 1), {{0, Counting(120, 5)}, {9, Bytes(4, 7)}}});
     MBUF_S *pc = ReadTlv(c);
     ASSERT_NE(pc, nullptr);

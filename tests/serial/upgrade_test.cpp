@@ -71,10 +71,10 @@ TEST_P(UpgradeTest, RecordsReadTheSameInTheLocalLayout) {
     const uint32_t ulFreed = row.home == Home::Separate ? 1 : 0;
     EXPECT_EQ(KRM_HOST_LiveBufferCount(), ulLiveBefore + 1 - ulFreed);
     const uint32_t ulSize = std::max<uint32_t>(row.capacity + 184u, 448u);
-    EXPECT_EQ(KRM_DbufLengthGET(blkNew), ulSize + 128);
-    EXPECT_EQ(blkNew->usCapacity, ulSize - 56);
-    EXPECT_EQ(std::tuple(blkNew->usUsedLen, blkNew->ucSlotNum, blkNew->ucByteOrder),
-              std::tuple(Get<std::uint16_t>(blk.data() + 88), 23, MBUF_BYTEORDER_HOST));
+    EXPECT_EQ(std::tuple(KRM_DbufLengthGET(blkNew), blkNew->usCapacity, blkNew->usUsedLen,
+                         blkNew->ucSlotNum, blkNew->ucByteOrder),
+              std::tuple(ulSize + 128, ulSize - 56, Get<std::uint16_t>(blk.data() + 88), 23,
+                         MBUF_BYTEORDER_HOST));
     EXPECT_EQ(Bytes(reinterpret_cast<uint8_t *>(blkNew), reinterpret_cast<uint8_t *>(blkNew) + 84),
               CommBytes(7));
     uint32_t ulKept = 0;
