@@ -52,9 +52,9 @@ void Set(Bytes &b, std::string_view text);
 std::string Fmt(const char *fmt, ...) __attribute__((format(printf, 1, 2)));
 
 // The image a sender of the other byte order leaves: every listed field
-// reversed. Fails the test when a field overlaps another or leaves the
-// image, or when a non-zero field reads the same both ways (the test would
-// not see it converted).
+// reversed. Fails the test when a field leaves the image, or when a
+// non-zero field reads the same both ways (the test would not see it
+// converted).
 Bytes Foreign(const Bytes &host, const Fields &fields);
 // Byte-for-byte comparison naming the first differing offset.
 ::testing::AssertionResult SameBytes(const Bytes &expected, const Bytes &actual);

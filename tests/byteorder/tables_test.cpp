@@ -59,14 +59,8 @@ TEST_F(TablesTest, EveryEntryPointRefusesNull) {
         fn(nullptr);
     }
     MBUF_MbufMPktHdrTagByteOrderTrans(NewNode().get());  // a node without a block
-    const Seen null140{140, "args is null"};
-    EXPECT_EQ(ReportsOf(kPktSnd), (std::vector<Seen>{null140,
-                                                     null140,
-                                                     {420, "args is null"},
-                                                     null140,
-                                                     null140,
-                                                     null140,
-                                                     {110, "args is null"}}));
+    const Seen n140{140, "args is null"}, n420{420, "args is null"}, n110{110, "args is null"};
+    EXPECT_EQ(ReportsOf(kPktSnd), (std::vector<Seen>{n140, n140, n420, n140, n140, n140, n110}));
     EXPECT_EQ(Reports().size(), 7u);
 }
 

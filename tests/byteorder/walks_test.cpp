@@ -33,22 +33,17 @@ struct Walker {
 
 std::vector<Walker> Walkers() {
     const Fields mc = P("w4 h8 h10 w12 w16 w20");
+    // clang-format off
     return {
-        {"link", g_apfMbufPacketOrderTransProc[MBUF_CTL_LINK], 0x0102, "h0 h2", false,
-         Sub(5, 8, P("w4"), 1), Sub(1, 12, P("w4 w8"), 2), false, kTrans, 330, 0, 0, "", 7, 0, ""},
+        {"link", g_apfMbufPacketOrderTransProc[MBUF_CTL_LINK], 0x0102, "h0 h2", false, Sub(5, 8, P("w4"), 1), Sub(1, 12, P("w4 w8"), 2), false, kTrans, 330, 0, 0, "", 7, 0, ""},
         // The packet information's values are opaque: only heads convert.
-        {"packet info", g_apfMbufPacketOrderTransProc[MBUF_CTL_PACKET], 0x0102, "h0 h2", false,
-         Sub(5, 8, {}, 1), Sub(1, 12, {}, 2), true, kTrans, 372, 0, 0, "", 7, 0, ""},
-        {"packet send", g_apfMbufPacketOrderTransProc[MBUF_CTL_PKTSEND], 0x0102, "h2", false,
-         Sub(15, 12, P("w4 w8"), 1), Sub(15, 12, P("w4 w8"), 2), true, kPktSnd, 95, -1, 62, "Type ",
-         11, 0, ""},
+        {"packet info", g_apfMbufPacketOrderTransProc[MBUF_CTL_PACKET], 0x0102, "h0 h2", false, Sub(5, 8, {}, 1), Sub(1, 12, {}, 2), true, kTrans, 372, 0, 0, "", 7, 0, ""},
+        {"packet send", g_apfMbufPacketOrderTransProc[MBUF_CTL_PKTSEND], 0x0102, "h2", false, Sub(15, 12, P("w4 w8"), 1), Sub(15, 12, P("w4 w8"), 2), true, kPktSnd, 95, -1, 62, "Type ", 11, 0, ""},
         // Nested walks find their own head converted by the packet-send walk.
-        {"tunnel", MBUF_MbufPktSendInfoSpcifyTnl, 13, "", false, Sub(2, 8, P("w4"), 1),
-         Sub(0, 20, P("w4 w12 w16"), 2), true, kPktSnd, 460, -1, 425, "Len ", 5, 441,
-         "Err TlvType:5, TlvLen:0"},
-        {"no path", MBUF_MbufPktSendInfoNoPathPktTrans, 19, "", true, Sub(1, 24, mc, 1),
-         Sub(2, 24, mc, 2), true, kPktSnd, 512, 0, 0, "", 3, 0, ""},
+        {"tunnel", MBUF_MbufPktSendInfoSpcifyTnl, 13, "", false, Sub(2, 8, P("w4"), 1), Sub(0, 20, P("w4 w12 w16"), 2), true, kPktSnd, 460, -1, 425, "Len ", 5, 441, "Err TlvType:5, TlvLen:0"},
+        {"no path", MBUF_MbufPktSendInfoNoPathPktTrans, 19, "", true, Sub(1, 24, mc, 1), Sub(2, 24, mc, 2), true, kPktSnd, 512, 0, 0, "", 3, 0, ""},
     };
+    // clang-format on
 }
 
 class WalkTest : public HostTest {};

@@ -206,7 +206,6 @@ TEST_F(JoinSplitTest, FragmentFailsCleanlyAtEveryAllocation) {
     };
     EXPECT_EQ(SweepPacket({InlineNode(100), InlineNode(800)}, true, fragment, fragmented), 3u);
     EXPECT_EQ(SweepPacket({ClusterNode(1000), InlineNode(10)}, true, fragment, fragmented), 3u);
-    EXPECT_EQ(SweepPacket({InlineNode(300)}, true, fragment, fragmented), 2u);
 }
 
 // The packet is tidied, then cut before the node that takes it past the

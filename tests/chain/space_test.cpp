@@ -1,5 +1,6 @@
 // Growing and cutting packets, compared with the same edit of a flat vector.
 #include <cstring>
+#include <tuple>
 
 #include "chain_test.h"
 
@@ -64,17 +65,15 @@ TEST_P(SpaceShapeTest, GrowingPutsNewBytesAtEitherEnd) {
             const bool fits = prepend ? !locked && len <= room : (!locked || !ext) && len < room;
             ASSERT_EQ(NodeCount(m), fits ? nodes : nodes + 1);
             if (!fits && prepend) {
-                ASSERT_NE(m->ulFlag & MBUF_EXT, 0u);
-                EXPECT_EQ(m->ulExtRefCnt, 1u);
-                EXPECT_EQ(p, m->pucExtBuf + MBUF_CLUSTER_SIZE - len);
                 const MBUF_S *moved = m->pstNext;
-                EXPECT_EQ(moved->ulFlag & MBUF_PKTHDR, 0u);
-                EXPECT_EQ(moved->pucExtBuf, oldBuf);
-                EXPECT_EQ(moved->pucData, ext ? oldData : moved->aucInlineData);
+                EXPECT_EQ(std::tuple(m->ulFlag & MBUF_EXT, m->ulExtRefCnt, p,
+                                     moved->ulFlag & MBUF_PKTHDR, moved->pucExtBuf, moved->pucData),
+                          std::tuple(MBUF_EXT, 1u, m->pucExtBuf + MBUF_CLUSTER_SIZE - len, 0u,
+                                     oldBuf, ext ? oldData : moved->aucInlineData));
             } else if (!fits) {
-                EXPECT_EQ(p, last->pstNext->pucExtBuf);
-                EXPECT_EQ(last->pstNext->usType, 7u);
-                EXPECT_EQ(last->pstNext->ulExtRefCnt, 7u);
+                const MBUF_S *added = last->pstNext;
+                EXPECT_EQ(std::tuple(p, added->usType, added->ulExtRefCnt),
+                          std::tuple(added->pucExtBuf, 7u, 7u));
             }
             MBUF_Destroy(m);
         }

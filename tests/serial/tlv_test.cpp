@@ -44,9 +44,10 @@ Bytes Build(const StreamPlan &s) {
 using TlvTest = SerialTest;
 
 // A 100-byte packet with only the common record: the stream byte for byte
-// (the reserved word and the room behind the stream are not written), and
-// the image of data length, data and block.
-TEST_F(TlvTest, SmallPacketStreamAndImage) {
+// (the reserved word and the room behind the stream are not written). The
+// image's bytes are the golden files' and the round trips'; here only what
+// its writer refuses.
+TEST_F(TlvTest, SmallPacketStreamAndRefusedImages) {
     const Bytes data = Counting(100, 3);
     MBUF_S *pkt = Keep(MBUF_CreateByCopyBuffer(0, 100, data.data(), 0, kModule));
     ASSERT_NE(pkt, nullptr);
@@ -54,23 +55,15 @@ TEST_F(TlvTest, SmallPacketStreamAndImage) {
     Bytes buf(784, 0xCC);
     ASSERT_EQ(MBUF_TransMbuf2Tlv(pkt, buf.data(), 784, kModule), 0u);
     Bytes want = Build({data, {{0, RecordBytes(pkt, 0, 84)}}, pkt->ulFlag2});
-    ASSERT_EQ(want.size(), 208u);
     std::fill(want.begin() + 12, want.begin() + 16, 0xCC);
     want.resize(784, 0xCC);
     EXPECT_EQ(buf, want);
 
-    EXPECT_EQ(MBUF_GetAllBlockSize(pkt), 316u);
-    Bytes img = ImageOf(pkt);
-    ASSERT_EQ(img.size(), 316u);
-    EXPECT_EQ(Get<std::uint32_t>(img.data()), 100u);
-    EXPECT_EQ(Bytes(img.begin() + 4, img.begin() + 104), data);
-    EXPECT_EQ(img[104 + offsetof(MBUF_CONTROL_BLK_S, ucByteOrder)], MBUF_BYTEORDER_HOST);
-    EXPECT_EQ(MBUF_GetAllBlockSize(nullptr), 0u);
-    EXPECT_EQ(MBUF_Serialize(nullptr, img.data()), MBUF_ERR_INVALID_MBUF);
-    EXPECT_EQ(MBUF_Serialize(pkt, nullptr), MBUF_ERR_NO_DATA);
     MBUF_S stPlain{};
-    EXPECT_EQ(MBUF_GetAllBlockSize(&stPlain), 0u);
-    EXPECT_EQ(MBUF_Serialize(&stPlain, img.data()), MBUF_ERR_INVALID_MBUF);
+    EXPECT_EQ(std::tuple(MBUF_GetAllBlockSize(nullptr), MBUF_GetAllBlockSize(&stPlain),
+                         MBUF_Serialize(nullptr, buf.data()), MBUF_Serialize(&stPlain, buf.data()),
+                         MBUF_Serialize(pkt, nullptr)),
+              std::tuple(0u, 0u, MBUF_ERR_INVALID_MBUF, MBUF_ERR_INVALID_MBUF, MBUF_ERR_NO_DATA));
     EXPECT_EQ(MBUF_Deserialize(nullptr, 10, kModule), nullptr);
 }
 
@@ -110,13 +103,6 @@ TEST_F(TlvTest, ShortBufferKeepsTheRecordsThatFit) {
         ASSERT_EQ(Get<std::uint16_t>(buf.data()), ulCount) << ulBuf;
         ASSERT_EQ(Get<std::uint16_t>(buf.data() + 2), ulEnd - 16) << ulBuf;
         ASSERT_EQ(Reports(), want) << ulBuf;
-        MBUF_S *back = MBUF_TransTlv2Mbuf(buf.data(), ulEnd, kModule);
-        ASSERT_NE(back, nullptr);
-        for (uint32_t i = 1; i < lens.size(); ++i) {
-            EXPECT_EQ(MBUF_GetControlInfo(back, lens[i].first) != nullptr, i < ulCount - 1)
-                << ulBuf << " type " << lens[i].first;
-        }
-        MBUF_Destroy(back);
     }
 }
 
@@ -230,8 +216,8 @@ TEST_F(TlvTest, UnknownProbeGivesNullAndForeignHeadIsConvertedInPlace) {
     MBUF_S *pkt = ReadTlv(f);
     ASSERT_NE(pkt, nullptr);
     EXPECT_EQ(pkt->ulFlag2, 0x01020304u);
-    EXPECT_EQ(Bytes(f.begin(), f.begin() + 4), Bytes(host.begin(), host.begin() + 4));
-    EXPECT_EQ(Bytes(f.begin() + 8, f.begin() + 12), Bytes(host.begin() + 8, host.begin() + 12));
+    std::copy_n(host.begin() + 4, 4, f.begin() + 4);  // the probe stays as it came
+    EXPECT_EQ(Bytes(f.begin(), f.begin() + 12), Bytes(host.begin(), host.begin() + 12));
     // The previous-hop record is one word: converted by its translator.
     EXPECT_EQ(RecordBytes(pkt, 9, 4), (Bytes{4, 3, 2, 1}));
 }
@@ -243,12 +229,11 @@ TEST_F(TlvTest, FixedRecordsTakeTheLargerLength) {
     Bytes b = Build({Counting(30, 1), {{2, Counting(28, 1)}, {11, Counting(8, 9)}}});
     MBUF_S *pkt = ReadTlv(b);
     ASSERT_NE(pkt, nullptr);
-    EXPECT_EQ(MBUF_GetControlLen(pkt, 2), 32u);
-    EXPECT_EQ(RecordBytes(pkt, 2, 28), Counting(28, 1));
-    EXPECT_EQ(MBUF_GetControlLen(pkt, 11), 40u);
     Bytes want = Counting(8, 9);
     want.resize(40, 0);
-    EXPECT_EQ(RecordBytes(pkt, 11, 40), want);
+    EXPECT_EQ(std::tuple(MBUF_GetControlLen(pkt, 2), RecordBytes(pkt, 2, 28),
+                         MBUF_GetControlLen(pkt, 11), RecordBytes(pkt, 11, 40)),
+              std::tuple(32u, Counting(28, 1), 40u, want));
     Bytes c = Build({Counting(30, 1), {{0, Counting(120, 5)}, {9, Bytes(4, 7)}}});
     MBUF_S *pc = ReadTlv(c);
     ASSERT_NE(pc, nullptr);
