@@ -333,19 +333,19 @@ TEST_F(StackDebugTest, OldLayoutIsUpgradedThenStampedAndPrinted) {
     ASSERT_NE(rec, nullptr);
     EXPECT_NE(rec, old);
     EXPECT_EQ(static_cast<const void *>(current), rec + RecordLen(1));
-    // Head and entries in their current places (every entry's relaying is
-    // compared field by field in tests/serial's upgrade test).
-    EXPECT_EQ(Bytes(rec, rec + kHeadLen), Cat({{0xA5, 0},
-                                               U16(24),
-                                               {6, 1},
-                                               U16(48),
-                                               Bytes(oldRec.begin() + 8, oldRec.begin() + kOldHead),
-                                               Bytes(8, 0)}));
+    // Each part copied into its current place, the rest zero.
+    EXPECT_EQ(Bytes(rec, rec + 8), Cat({{0xA5, 0}, U16(24), {6, 1}, U16(48)}));
+    const auto was = [&](std::uint32_t from, std::uint32_t to) {
+        return Bytes(oldRec.begin() + from, oldRec.begin() + to);
+    };
+    EXPECT_EQ(Bytes(rec + 8, rec + kHeadLen), Cat({was(8, kOldHead), Bytes(8, 0)}));
     const auto entry = [&](std::uint32_t i) {
         return Bytes(rec + RecordLen(i), rec + RecordLen(i + 1));
     };
-    EXPECT_EQ(entry(1), Cat({Bytes(oldRec.begin() + 60, oldRec.begin() + 100), Bytes(8, 0)}));
-    EXPECT_EQ(entry(5), Cat({Bytes(40, 0x3C), Bytes(8, 0)}));
+    for (std::uint32_t i = 0; i < 6; ++i) {
+        const std::uint32_t from = kOldHead + i * kOldEntry;
+        EXPECT_EQ(entry(i), Cat({was(from, from + kOldEntry), Bytes(8, 0)})) << i;
+    }
     ExpectValid(m);
     // ARP's entry had no last tick: the whole tick counts as its delta.
     StampAt(m, kCompB, Time(2024, 3, 5, 10, 20, 33, 0), 250);
