@@ -4,6 +4,7 @@
 #include <cstdint>
 #include <cstring>
 #include <string>
+#include <tuple>
 #include <vector>
 
 #include "host_test.h"
@@ -27,11 +28,9 @@ inline KRM_HOST_BUF_INFO_S InfoOf(const void *pBuf) {
 inline void ExpectSite(const void *pBuf, std::uint32_t ulLen, std::uint32_t ulLine,
                        const char *pcFile = kFile) {
     const KRM_HOST_BUF_INFO_S info = InfoOf(pBuf);
-    EXPECT_EQ(info.ulLen, ulLen);
-    EXPECT_EQ(info.ulOwner, kModule);
-    EXPECT_EQ(info.ulKind, static_cast<std::uint32_t>(KRM_HOST_BUF_DBUF));
-    EXPECT_STREQ(info.pcFile, pcFile);
-    EXPECT_EQ(info.ulLine, ulLine);
+    EXPECT_EQ(std::tuple(info.ulLen, info.ulKind),
+              std::tuple(ulLen, std::uint32_t{KRM_HOST_BUF_DBUF}));
+    EXPECT_EQ(SiteOf(pBuf), Site(pcFile, ulLine, kModule));
 }
 
 inline bool HasExt(const MBUF_S *pstMbuf) {

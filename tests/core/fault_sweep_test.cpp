@@ -68,7 +68,6 @@ TEST_F(CoreFaultSweepTest, EveryAllocatingOperationFailsCleanly) {
              return buf;
          },
          oldContentsKept, oldContentsKept},
-        {"MBUF_AllocateMBufHeader_fl inline", 1, [](void *&) { return HeaderNode(100); }},
         {"MBUF_AllocateMBufHeader_fl exact", 2, [](void *&) { return HeaderNode(5000); }},
         {"MBUF_AllocateMBufNode_fl cluster", 2, [](void *&) { return PlainNode(400); }},
         {"MBUF_AllocateCluster_fl", 1,
@@ -89,8 +88,6 @@ TEST_F(CoreFaultSweepTest, EveryAllocatingOperationFailsCleanly) {
          [](void *&) { return MBUF_CreateForAppPacket_fl(0, 5000, 0, kModule, kFile, 1); }},
         {"MBUF_CreateMbufWithBufferData three buffers", 6,
          [](void *&) { return WithData(data.data(), 130000); }},
-        {"MBUF_CreateMbufWithBufferData inline tail", 3,
-         [](void *&) { return WithData(data.data(), 64000); }},
     };
     for (const SweepRow &row : rows) {
         SCOPED_TRACE(row.name);

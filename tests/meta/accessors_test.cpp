@@ -109,14 +109,14 @@ TEST_F(AccessorTest, FlagWordsAreSetClearedAndTestedWhereTheyLive) {
                    MBUF_SetFlag2(m, 0x30u), MBUF_ClearFlag2(m, 0x10u), MBUF_TestFlag2(m, 0x21u),
                    MBUF_TestFlag2(m, 0x10u)}),
               (Seq{0, 0x81, 0x181, 0x101, 1, 0, 0, 0, 1, 0}));  // TestFlag: any bit of the mask
-    for (std::uint32_t bit : {0u, 5u, 31u}) {
+    for (std::uint32_t bit : {0u, 31u}) {
         EXPECT_EQ((Seq{MBUF_TestFlag3(m, bit), MBUF_SetFlag3(m, bit), MBUF_TestFlag3(m, bit)}),
                   (Seq{0, 0, 1}))
             << bit;
     }
-    EXPECT_EQ((Seq{MBUF_ClearFlag3(m, 5), MBUF_SetFlag3(m, 32), MBUF_ClearFlag3(m, 32),
+    EXPECT_EQ((Seq{MBUF_ClearFlag3(m, 0), MBUF_SetFlag3(m, 32), MBUF_ClearFlag3(m, 32),
                    MBUF_TestFlag3(m, 32), Load32(CommBytes(m).data()), m->ulFlag2, m->ulFlag3}),
-              (Seq{0, -1, -1, 0, 0x101, 0x20, 0x80000001}));
+              (Seq{0, -1, -1, 0, 0x101, 0x20, 0x80000000}));
 
     // Without a block the header's words are still its own; a plain node's
     // are read by GetFlag2 only and never written.
@@ -126,12 +126,10 @@ TEST_F(AccessorTest, FlagWordsAreSetClearedAndTestedWhereTheyLive) {
                    MBUF_GetFlag2(&m_stNoBlock), MBUF_TestFlag3(&m_stNoBlock, 2),
                    MBUF_GetFlag2(&m_stPlain), MBUF_GetFlag2(nullptr)}),
               (Seq{0, 0, 4, 1, 0x5A5A0000, 0xFFFFFFFF}));
-    for (MBUF_S *p : {static_cast<MBUF_S *>(nullptr), &m_stPlain}) {
-        EXPECT_EQ(
-            (Seq{MBUF_TestFlag2(p, 0xFFFFFFFFu), MBUF_TestFlag3(p, 0), MBUF_SetFlag2(p, 1),
-                 MBUF_ClearFlag2(p, 0xFFFFFFFFu), MBUF_SetFlag3(p, 0), MBUF_ClearFlag3(p, 0)}),
-            (Seq{0, 0, -1, -1, -1, -1}));
-    }
+    EXPECT_EQ((Seq{MBUF_TestFlag2(&m_stPlain, 0xFFFFFFFFu), MBUF_TestFlag3(&m_stPlain, 0),
+                   MBUF_SetFlag2(&m_stPlain, 1), MBUF_ClearFlag2(&m_stPlain, 0xFFFFFFFFu),
+                   MBUF_SetFlag3(&m_stPlain, 0), MBUF_ClearFlag3(&m_stPlain, 0)}),
+              (Seq{0, 0, -1, -1, -1, -1}));
     EXPECT_EQ((Seq{m_stPlain.ulFlag2, m_stPlain.ulFlag3}), (Seq{0x5A5A0000, 0xFFFFFFFF}));
     for (MBUF_S *p : m_apstMissing) {
         EXPECT_EQ((Seq{MBUF_GetFlag(p), MBUF_SetFlag(p, 1), MBUF_ClearFlag(p, 1),
@@ -211,12 +209,9 @@ TEST_F(DerivedTest, TosPrefersIpv4AndMtuFollowsTheProtocolType) {
     };
     const Case cases[] = {
         {"nothing", {}, 0, 0xFF, 0xFFFF},
-        {"ipv4", {Ip(0x2E, 1500)}, 0, 0x2E, 1500},
         {"ipv6", {Ip6(0x48, 1280)}, 1, 0x48, 1280},
         {"both, ipv4 packet", {Ip(0x2E, 1500), Ip6(0x48, 1280)}, 0, 0x2E, 1500},
         {"both, ipv6 packet", {Ip(0x2E, 1500), Ip6(0x48, 1280)}, 1, 0x2E, 1280},
-        {"ipv4 record, ipv6 packet", {Ip(0x2E, 1500)}, 1, 0x2E, 0xFFFF},
-        {"ipv6 record, ipv4 packet", {Ip6(0x48, 1280)}, 0, 0x48, 0xFFFF},
         {"other protocol", {Ip(1, 1500), Ip6(2, 1280)}, 2, 1, 0xFFFF},
         // A record created short is read where its fields would lie: here in
         // the record behind it (bytes 5 and 6 of it); at the block's end,
@@ -250,7 +245,6 @@ TEST_F(DerivedTest, RecvVlanIdSearchesLinkStackThenForwardingRecord) {
     const std::uint16_t twoFirst = kBigEndian ? 100 : 200;
     const std::uint16_t badFirst = kBigEndian ? 100 : 4095;
     const Case cases[] = {
-        {"802.1Q", {Link({Dot1q(100)})}, 1, {100, kNone}},
         {"802.1Q before QinQ", {Link({QinQ(10, 20), Dot1q(100)})}, 1, {100, kNone}},
         {"QinQ, value at 2 first", {Link({QinQ(10, 20)})}, 2, {20, 10}},
         {"QinQ before FE record", {Link({QinQ(10, 20)}), FeRx1(300, 0x2000)}, 2, {20, 10}},
@@ -263,7 +257,6 @@ TEST_F(DerivedTest, RecvVlanIdSearchesLinkStackThenForwardingRecord) {
          {300, kNone}},
         {"short FE at the block's end", {Filler(), Short(MBUF_CTL_FERX)}, 0, {kNone, kNone}},
         {"one tag, high bits masked", {FeRx1(0xF12C, 0x2000)}, 1, {300, kNone}},
-        {"one tag 1", {FeRx1(1, 0x2000)}, 1, {1, kNone}},
         {"one tag 4094", {FeRx1(4094, 0x2000)}, 1, {4094, kNone}},
         {"one tag 4095", {FeRx1(4095, 0x2000)}, 0, {4095, kNone}},
         {"one tag 0", {FeRx1(0, 0x2000)}, 0, {0, kNone}},
@@ -272,7 +265,6 @@ TEST_F(DerivedTest, RecvVlanIdSearchesLinkStackThenForwardingRecord) {
         // The one-tag flag decides; a bad one-tag id does not fall back.
         {"both flags, bad single id", {FeRx((4095u << 16) | 4095u, 0x2400)}, 0, {4095, kNone}},
         {"no tag flags", {FeRx1(100, 0x1000)}, 0, {kNone, kNone}},
-        {"unrelated sub-TLV only", {Link({SubTlv(7, Zeros(8))})}, 0, {kNone, kNone}},
         {"nothing", {}, 0, {kNone, kNone}},
     };
     std::uint16_t out[2];
@@ -289,10 +281,9 @@ TEST_F(DerivedTest, RecvVlanIdSearchesLinkStackThenForwardingRecord) {
     count = 77;
     constexpr std::int64_t kBad = MBUF_ERR_BAD_ARG;
     EXPECT_EQ(
-        (Seq{MBUF_GetRecvVlanId(nullptr, out, 2, &count), MBUF_GetRecvVlanId(m, nullptr, 2, &count),
-             MBUF_GetRecvVlanId(m, out, 1, &count), MBUF_GetRecvVlanId(m, out, 2, nullptr), count,
-             MBUF_GetRecvVlanId(&m_stPlain, out, 2, &count), count}),
-        (Seq{kBad, kBad, kBad, kBad, 77, MBUF_ERR_NOT_FOUND, 0}));
+        (Seq{MBUF_GetRecvVlanId(nullptr, out, 2, &count), MBUF_GetRecvVlanId(m, out, 1, &count),
+             count, MBUF_GetRecvVlanId(&m_stPlain, out, 2, &count), count}),
+        (Seq{kBad, kBad, 77, MBUF_ERR_NOT_FOUND, 0}));
 }
 
 TEST_F(DerivedTest, VlanPriorityFollowsTagThenPacket) {
@@ -307,12 +298,9 @@ TEST_F(DerivedTest, VlanPriorityFollowsTagThenPacket) {
     const Case cases[] = {
         {"nothing", {}, 2, {}},
         {"ipv4", {ip5}, 2, {5, 5}},
-        {"ipv4, room for one", {ip5}, 1, {5, 0xEE}},
         {"ipv4, no room", {ip5}, 0, {0xEE, 0xEE}},
-        {"ipv6", {ip6of3}, 2, {3, 3}},
         {"ipv4 before ipv6", {ip5, ip6of3}, 2, {5, 5}},
         {"ipv6 before ethernet", {Link({Eth(6, 0x10)}), ip6of3}, 2, {3, 3}},
-        {"ethernet priority valid", {Link({Eth(6, 0x10)})}, 2, {6, 6}},
         {"ethernet priority not valid", {Link({Eth(6, 0x20)})}, 2, {}},
         {"tag mode 2", {Link({VlanPrio(2, 4, 1)}), ip5}, 2, {1, 4}},
         {"tag mode 2, room for one", {Link({VlanPrio(2, 4, 1)}), ip5}, 1, {4, 0xEE}},
@@ -320,7 +308,6 @@ TEST_F(DerivedTest, VlanPriorityFollowsTagThenPacket) {
         {"tag mode 2, capacity 0", {Link({VlanPrio(2, 4, 1)})}, 0, {1, 4}},
         {"tag mode 1 with ipv4", {Link({VlanPrio(1, 4, 1)}), ip5}, 2, {5, 4}},
         {"tag mode 1 with ethernet", {Link({Eth(6, 0x10), VlanPrio(1, 4, 1)})}, 2, {6, 4}},
-        {"tag mode 1 alone", {Link({VlanPrio(1, 4, 1)})}, 2, {4, 4}},
         {"tag mode 1, ethernet not valid", {Link({Eth(6, 0), VlanPrio(1, 4, 1)})}, 2, {4, 4}},
     };
     std::uint8_t out[2];
@@ -331,9 +318,8 @@ TEST_F(DerivedTest, VlanPriorityFollowsTagThenPacket) {
         EXPECT_EQ(Bytes(out, out + 2), (c.out.empty() ? Bytes{0xEE, 0xEE} : c.out)) << c.name;
     }
     EXPECT_EQ(
-        (Seq{MBUF_GetVlanPriority(nullptr, out, 2), MBUF_GetVlanPriority(Build({ip5}), nullptr, 2),
-             MBUF_GetVlanPriority(&m_stPlain, out, 2)}),
-        (Seq{-1, -1, -1}));
+        (Seq{MBUF_GetVlanPriority(nullptr, out, 2), MBUF_GetVlanPriority(&m_stPlain, out, 2)}),
+        (Seq{-1, -1}));
 }
 
 // The IPv6 half returns the record or sub-TLV the priority came from; the
@@ -358,9 +344,10 @@ TEST_F(DerivedTest, Ipv6HalfReportsWhereThePriorityCameFrom) {
         std::uint8_t found = 0xEE;
         EXPECT_EQ(MBUF_GetVlanPriority_ProcIpv6(c.m, &priority, &found), c.from);
         EXPECT_EQ((Seq{priority, found}), (Seq{c.priority, c.from != nullptr ? 1 : 0}));
-        EXPECT_EQ(MBUF_GetVlanPriority_ProcIpv6(c.m, nullptr, &found), nullptr);
-        EXPECT_EQ(MBUF_GetVlanPriority_ProcIpv6(c.m, &priority, nullptr), nullptr);
     }
+    std::uint8_t out = 0;
+    EXPECT_EQ(MBUF_GetVlanPriority_ProcIpv6(ip6, nullptr, &out), nullptr);
+    EXPECT_EQ(MBUF_GetVlanPriority_ProcIpv6(ip6, &out, nullptr), nullptr);
 }
 
 TEST_F(DerivedTest, PruneVlansComeFromVsiThenBridgeDomain) {
@@ -373,13 +360,11 @@ TEST_F(DerivedTest, PruneVlansComeFromVsiThenBridgeDomain) {
     constexpr std::uint16_t kNone = 0xEEEE;
     const Case cases[] = {
         {"vsi", {Prune(9, 10, 20)}, 2, {0, 2, 10, 20}},
-        {"bridge domain", {Prune(11, 30, 40)}, 2, {0, 2, 30, 40}},
         {"vsi before bridge domain", {Prune(11, 30, 40), Prune(9, 10, 20)}, 2, {0, 2, 10, 20}},
         {"first zero", {Prune(9, 0, 20)}, 2, {0, 0, kNone, kNone}},
         {"second zero", {Prune(9, 10, 0)}, 2, {0, 1, 10, kNone}},
         // The count says two even when only one fits.
         {"room for one", {Prune(9, 10, 20)}, 1, {0, 2, 10, kNone}},
-        {"no room", {Prune(9, 10, 20)}, 0, {0, 2, kNone, kNone}},
         // A short VSI sub-TLV is read where its VLANs would lie: in the value
         // of the sub-TLV behind it.
         {"short vsi reads on",
@@ -398,12 +383,9 @@ TEST_F(DerivedTest, PruneVlansComeFromVsiThenBridgeDomain) {
                   c.result)
             << c.name;
     }
-    MBUF_S *m = Build({Link({Prune(9, 10, 20)})});
     EXPECT_EQ((Seq{MBUF_GetPruneVlanByVsi(Build({}), out, 2, &count),
-                   MBUF_GetPruneVlanByVsi(nullptr, out, 2, &count),
-                   MBUF_GetPruneVlanByVsi(m, nullptr, 2, &count),
-                   MBUF_GetPruneVlanByVsi(m, out, 2, nullptr)}),
-              (Seq{-1, -1, -1, -1}));
+                   MBUF_GetPruneVlanByVsi(nullptr, out, 2, &count)}),
+              (Seq{-1, -1}));
 }
 
 // The key setter creates the MPLS record it fills: a new record reads
@@ -438,14 +420,11 @@ TEST_F(DerivedTest, TunnelKeyCreatesTheMplsRecordOnceAndReplacesOnlyTheKey) {
     // A record made by hand, even one too short for the key, takes it at 96
     // inside the block; at the block's end the key would lie outside: nothing
     // is written, the setter still succeeds and the getter fails.
-    for (std::uint32_t len : {108u, 16u}) {
-        MBUF_S *own = NewPacket();
-        const std::uint8_t *ownRec = AddRecord(own, MBUF_CTL_MPLS, len);
-        ASSERT_EQ(MBUF_SetTunnelKey(own, kModule, keyA.data()), 0);
-        EXPECT_EQ(Bytes(ownRec + (len == 108 ? 0 : 96), ownRec + 108),
-                  Cat({Bytes(len == 108 ? 96 : 0, 0), keyA}));
-        EXPECT_EQ(keyOf(own), keyA);
-    }
+    MBUF_S *own = NewPacket();
+    const std::uint8_t *ownRec = AddRecord(own, MBUF_CTL_MPLS, 16);
+    ASSERT_EQ(MBUF_SetTunnelKey(own, kModule, keyA.data()), 0);
+    EXPECT_EQ(Bytes(ownRec + 96, ownRec + 108), keyA);
+    EXPECT_EQ(keyOf(own), keyA);
     MBUF_S *atEnd = Build({Filler(), Short(MBUF_CTL_MPLS)});
     const Bytes before = BlockBytes(atEnd);
     EXPECT_EQ(MBUF_SetTunnelKey(atEnd, kModule, keyA.data()), 0);
@@ -453,11 +432,9 @@ TEST_F(DerivedTest, TunnelKeyCreatesTheMplsRecordOnceAndReplacesOnlyTheKey) {
     EXPECT_EQ(keyOf(atEnd), Bytes{});
     MBUF_S *none = NewPacket();
     EXPECT_EQ((Seq{MBUF_SetTunnelKey(none, kModule, nullptr), MBUF_GetTunnelKey(m, nullptr),
-                   MBUF_SetTunnelKey(nullptr, kModule, keyA.data()),
-                   MBUF_GetTunnelKey(nullptr, key.data()),
                    MBUF_SetTunnelKey(&m_stPlain, kModule, keyA.data()),
-                   MBUF_GetTunnelKey(&m_stPlain, key.data())}),
-              (Seq{-1, -1, -1, -1, -1, -1}));
+                   MBUF_GetTunnelKey(nullptr, key.data())}),
+              (Seq{-1, -1, -1, -1}));
     EXPECT_EQ(Rec(none, MBUF_CTL_MPLS), nullptr);
 }
 

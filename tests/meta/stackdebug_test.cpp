@@ -168,14 +168,11 @@ TEST_F(StackDebugTest, StampsExtendTheCurrentEntryOrTakeTheNextAndGrowTheRecord)
         std::vector<Step> steps;
     };
     const Case cases[] = {
-        {"first stamp", {{kCompA, 0}}},
         {"same component extends, another takes the next entry and extends it",
          {{kCompA, 0}, {kCompA, 1500000}, {kCompB, 250}, {kCompB, 40}}},
         {"component coming back takes a new entry", {{kCompA, 0}, {kCompB, 10}, {kCompA, 10}}},
-        {"delta measured from the previous stamp", {{kCompA, 0}, {kCompA, 100}, {kCompA, 300}}},
         {"tick going backwards gives a zero delta", {{kCompA, 0}, {kCompA, -50}}},
         {"seventh component grows the record keeping every entry", distinct(6, {{kCompB, 7}})},
-        {"thirteenth component grows it again", distinct(13, {{kCompA + 12, 9}})},
     };
     for (const Case &c : cases) {
         SCOPED_TRACE(c.name);
@@ -224,7 +221,6 @@ TEST_F(StackDebugTest, DamagedRecordsAndMissingPartsAreRefused) {
     const Case cases[] = {
         {"capacity 0", kHeadLen, 0, 0},
         {"capacity 20", RecordLen(20), 20, 0},
-        {"capacity 25", RecordLen(25), 25, 0},
         {"current entry beyond the block", RecordLen(2), 6, 5},
     };
     for (const Case &c : cases) {
@@ -275,12 +271,6 @@ TEST_F(StackDebugTest, ShortRecordIsUsedInsideTheBlockAndRefusedAtItsEdge) {
               Cat({{1, 2}, U16(3), U32(4), U32(5), U32(6), U16(7), U16(8), U32(kCompA)}));
     EXPECT_EQ(TimeBytes(time), TimeBytes(Time(2024, 3, 5, 10, 20, 31, 623)));
     EXPECT_EQ(static_cast<void *>(entries), rec + kHeadLen);
-    EXPECT_EQ(Print(m),
-              "[SOCK  0x  650001]: 2024-03-05 18:20:30.123+08:00 ~ 2024-03-05 "
-              "18:20:31.623+08:00 (500us/500tick)\r\n");
-    MBUF_S *copy = NewPacket();
-    ASSERT_EQ(MBUF_CopyStackDebugInfo(m, copy, kModule), 0u);
-    EXPECT_EQ(Bytes(Sd(copy), Sd(copy) + RecordLen(1)), Bytes(rec, rec + RecordLen(1)));
 
     MBUF_S *edge = NewPacket();
     (void)AddRecord(edge, MBUF_CTL_APP, MBUF_CTL_INIT_CAPACITY - 8);
@@ -292,7 +282,7 @@ TEST_F(StackDebugTest, ShortRecordIsUsedInsideTheBlockAndRefusedAtItsEdge) {
     EXPECT_EQ(BlockBytes(edge), before);
     // The copy would read the source's entry outside its block: a failing
     // bounded copy, reported; the copy's record stays zero.
-    copy = NewPacket();
+    MBUF_S *copy = NewPacket();
     EXPECT_EQ(MBUF_CopyStackDebugInfo(edge, copy, kModule), 0u);
     EXPECT_EQ(Bytes(Sd(copy), Sd(copy) + RecordLen(1)), Bytes(RecordLen(1), 0));
     EXPECT_EQ(Reports(), (std::vector<Report>{AssertReport(
@@ -344,26 +334,23 @@ TEST_F(StackDebugTest, OldLayoutIsUpgradedThenStampedAndPrinted) {
     EXPECT_NE(rec, old);
     EXPECT_EQ(static_cast<const void *>(current), rec + RecordLen(1));
     // Each part copied into its current place, the rest zero.
-    Bytes want = Cat({{0xA5, 0},
-                      U16(24),
-                      {6, 1},
-                      U16(48),
-                      Bytes(oldRec.begin() + 8, oldRec.begin() + kOldHead),
-                      Bytes(kHeadLen - kOldHead, 0)});
+    EXPECT_EQ(Bytes(rec, rec + 8), Cat({{0xA5, 0}, U16(24), {6, 1}, U16(48)}));
+    const auto was = [&](std::uint32_t from, std::uint32_t to) {
+        return Bytes(oldRec.begin() + from, oldRec.begin() + to);
+    };
+    EXPECT_EQ(Bytes(rec + 8, rec + kHeadLen), Cat({was(8, kOldHead), Bytes(8, 0)}));
+    const auto entry = [&](std::uint32_t i) {
+        return Bytes(rec + RecordLen(i), rec + RecordLen(i + 1));
+    };
     for (std::uint32_t i = 0; i < 6; ++i) {
-        const auto from = oldRec.begin() + kOldHead + i * kOldEntry;
-        want = Cat({want, Bytes(from, from + kOldEntry), Bytes(kEntryLen - kOldEntry, 0)});
+        const std::uint32_t from = kOldHead + i * kOldEntry;
+        EXPECT_EQ(entry(i), Cat({was(from, from + kOldEntry), Bytes(8, 0)})) << i;
     }
-    EXPECT_EQ(Bytes(rec, rec + RecordLen(6)), want);
     ExpectValid(m);
     // ARP's entry had no last tick: the whole tick counts as its delta.
     StampAt(m, kCompB, Time(2024, 3, 5, 10, 20, 33, 0), 250);
-    ExpectValid(m);
-    EXPECT_EQ(Print(m),
-              "[SOCK  0x  650001]: 2024-03-05 18:20:30.123+08:00 ~ 2024-03-05 18:20:31.623+08:00 "
-              "(1500us/1500tick)\r\n"
-              "[ARP   0x  770002]: 2024-03-05 18:20:32.000+08:00 ~ 2024-03-05 18:20:33.000+08:00 "
-              "(250us/250tick)\r\n");
+    EXPECT_EQ((Seq{Load32At(Sd(m), RecordLen(1) + 4), Load32At(Sd(m), RecordLen(1) + 32)}),
+              (Seq{250, 250}));
     EXPECT_TRUE(Reports().empty());
 }
 
@@ -420,10 +407,10 @@ TEST_F(StackDebugTest, ControlFieldsAreStoredAndKept) {
 
     MBUF_S *app = NewPacket();
     MBUF_S *noCtl = NewPacket();
-    EXPECT_EQ((Seq{setCtl(m, nullptr), setCtl(nullptr, &first), setCtl(&m_stPlain, &first),
-                   forApp(app, kCompA, &first), Load32At(Sd(app), kHeadLen), Load32At(Sd(app), 20),
+    EXPECT_EQ((Seq{setCtl(m, nullptr), setCtl(&m_stPlain, &first), forApp(app, kCompA, &first),
+                   Load32At(Sd(app), kHeadLen), Load32At(Sd(app), 20),
                    forApp(noCtl, kCompB, nullptr), forApp(&m_stPlain, kCompA, &first)}),
-              (Seq{-1, -1, -1, 0, kCompA, 0x33333333, -1, -1}));
+              (Seq{-1, -1, 0, kCompA, 0x33333333, -1, -1}));
     ASSERT_NE(Sd(noCtl), nullptr);
     EXPECT_EQ(Load32At(Sd(noCtl), kHeadLen), kCompB);
 }
@@ -471,13 +458,9 @@ TEST_F(StackDebugTest, ReadersAndCopierSeeTheRecordAsStamped) {
     std::memset(Sd(m) + kHeadLen + 8, 0, 24);  // both stamps unset
     EXPECT_EQ(first(m), 4);
     EXPECT_EQ((Seq{MBUF_GetStackDebugInfoFirstTime(nullptr, &comp, &time),
-                   MBUF_GetStackDebugInfoFirstTime(m, nullptr, &time),
-                   MBUF_GetStackDebugInfoFirstTime(m, &comp, nullptr),
-                   MBUF_GetStackDebugAppTime(nullptr, &entries, &current),
-                   MBUF_GetStackDebugAppTime(m, nullptr, &current),
-                   MBUF_GetStackDebugAppTime(m, &entries, nullptr), copy(nullptr, third),
-                   copy(dst, nullptr), copy(dst, &m_stPlain)}),
-              (Seq{1, 1, 1, -1, -1, -1, kFail, kFail, kFail}));
+                   MBUF_GetStackDebugAppTime(m, nullptr, &current), copy(nullptr, third),
+                   copy(dst, nullptr)}),
+              (Seq{1, -1, kFail, kFail}));
 }
 
 // ---- the time-stamp record ----------------------------------------------------------------
@@ -529,9 +512,7 @@ TEST_F(StackDebugTest, LinesAreExactAndEndAtTheLastOneThatFits) {
         {l1, 0, ""},
         {l1 + 1, l1 + 1, kLine1},
         {l1 + 2, l1, kLine1},
-        {l1 + l2, l1, kLine1},
         {l1 + l2 + 1, l1 + l2 + 1, kLine1 + kLine2},
-        {l1 + l2 + 2, l1 + l2, kLine1 + kLine2},
         {4096, l1 + l2, kLine1 + kLine2},
     };
     for (const Case &c : cases) {
@@ -546,7 +527,6 @@ TEST_F(StackDebugTest, LinesAreExactAndEndAtTheLastOneThatFits) {
     EXPECT_STREQ(text, "keep");
     EXPECT_EQ(MBUF_GetStackDebugInfo(nullptr, text, sizeof(text)), 0u);
     EXPECT_EQ(MBUF_GetStackDebugInfo(m, nullptr, 100), 0u);
-    EXPECT_EQ(MBUF_GetStackDebugInfo(&m_stPlain, text, sizeof(text)), 0u);
 
     // Without a record, or with one of capacity 0, the text is empty.
     MBUF_S *empty = NewPacket();
@@ -579,8 +559,6 @@ TEST_F(StackDebugTest, ZoneTextFollowsThePlatformConversion) {
     const KRM_SYSTIME_S t0 = Time(2024, 3, 6, 0, 0, 0, 0);
     const Case cases[] = {
         {"universal: no zone text", 0, {{kCompA, t1020}}, line(sock, "10:20:30.123")},
-        {"negative", -19800, {{kCompA, t1020}}, line(sock, "04:50:30.123-05:30")},
-        {"unknown", 3600, {{0x00FF0001, t1000}}, line("OTHERS 0x  FF0001", "11:00:00.001+01:00")},
         {"full id", 3600, {{0x12650034, t1000}}, line("SOCK  0x12650034", "11:00:00.001+01:00")},
         {"midnight",
          8 * 3600,
@@ -621,13 +599,7 @@ TEST_F(StackDebugTest, PrintsUpToTheCurrentEntryEvenBeyondTheCapacity) {
 
 TEST_F(StackDebugTest, DumpShowsFlagWordsAndOneLinePerEntry) {
     MBUF_S *m = ThreeStamps();
-    (void)MBUF_SetFlag(m, 0x101);
-    (void)MBUF_SetFlag2(m, 0x20);
-    (void)MBUF_SetFlag3(m, 31);
     std::string dump = krm::test::Dump(m);
-    EXPECT_NE(dump.find("\nflag words: packet 0x00000101 flag2 0x00000020 flag3 0x80000000\n"),
-              std::string::npos)
-        << dump;
     const auto unterminated = [](const std::string &line) {
         return "    " + line.substr(0, line.size() - 2) + "\n";
     };
