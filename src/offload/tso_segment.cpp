@@ -113,17 +113,13 @@ void AdjustIpv4(MBUF_S *pstSeg, std::uint8_t *pucIp, std::uint32_t ulSegLen, std
 // The IPv4 header step of a segment filled from a header copy, its fields
 // and both checksums computed from the copy; false (nothing written) where
 // the segment's bytes must be read as the step leaves them.
-bool Ipv4FromCopy(const MBUF_S *pstSeg, std::uint8_t *pucSeg, SegmentCut stCut,
-                  const std::uint32_t *pulPaySum) {
+bool Ipv4FromCopy(const MBUF_S *pstSeg, std::uint8_t *pucSeg, const SegmentCut &stCut) {
     const MBUF_TSO_CTL_INFO_S &stCtl = *stCut.pstCtl;
-    const std::uint32_t ulHdrLen = HeaderLen(stCtl);
     Ipv4Sums stSums{};
-    if (stCut.pucHdr == nullptr || pulPaySum == nullptr ||
-        pstSeg->ulTotalDataLen < stCut.ulSegLen || (pstSeg->ulFlag & MBUF_PKTHDR) == 0 ||
-        !ViewHoldsChanges(stCtl, ulHdrLen)) {
+    if (stCut.pucHdr == nullptr || pstSeg->ulTotalDataLen < stCut.ulSegLen ||
+        (pstSeg->ulFlag & MBUF_PKTHDR) == 0 || !ViewHoldsChanges(stCtl, HeaderLen(stCtl))) {
         return false;
     }
-    stCut.ulPaySum = *pulPaySum;
     if (!Ipv4SumsFromCopy(stCut, &stSums)) {
         return false;
     }
@@ -195,8 +191,9 @@ std::int32_t AdjustTcpIpHdr(MBUF_S *pstSeg, std::uint32_t ulSegLen, std::uint32_
     StoreBe32(pucTcp + 4, LoadBe32(pucTcp + 4) + ulBefore);
     std::uint8_t *pucIp = pucSeg + ulIpOff;
     if (ulVersion == 4) {
-        if (!Ipv4FromCopy(pstSeg, pucSeg, SegmentCut{pstCtl, pucHdrCopy, ulSegLen, ulBefore, 0},
-                          pulPayloadSum)) {
+        if (pulPayloadSum == nullptr ||
+            !Ipv4FromCopy(pstSeg, pucSeg,
+                          SegmentCut{pstCtl, pucHdrCopy, ulSegLen, ulBefore, *pulPayloadSum})) {
             StoreBe16(pucTcp + 16,
                       Ipv4TcpCheckSum(pstSeg, pucSeg, ulSegLen, *pstCtl, pulPayloadSum));
             AdjustIpv4(pstSeg, pucIp, ulSegLen, ulBefore, *pstCtl);
